@@ -1,0 +1,109 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <json/json.h>
+#include <websocketpp/client.hpp>
+#include <websocketpp/config/asio_no_tls_client.hpp>
+
+// Every member name and message type spoken with the device update service, so
+// that no other file spells a wire key itself.
+namespace protocol {
+// Envelope.
+inline constexpr char kMsg[] = "msg";
+
+// Message types received.
+inline constexpr char kDevicesMsg[] = "devices";
+inline constexpr char kDeviceAddedMsg[] = "device_added";
+inline constexpr char kDeviceRemovedMsg[] = "device_removed";
+inline constexpr char kDeviceChangedMsg[] = "device_changed";
+inline constexpr char kUpgradeProgressMsg[] = "upgrade_progress";
+inline constexpr char kUpgradeResultMsg[] = "upgrade_result";
+
+// Message types sent.
+inline constexpr char kUpgradeMsg[] = "upgrade";
+inline constexpr char kFailsafeRecoverMsg[] = "failsafe_recover";
+inline constexpr char kRebootMsg[] = "reboot";
+
+// Message members.
+inline constexpr char kDevices[] = "devices";
+inline constexpr char kDevice[] = "device";
+inline constexpr char kFrom[] = "from";
+inline constexpr char kTo[] = "to";
+inline constexpr char kProgress[] = "progress";
+inline constexpr char kStatus[] = "status";
+inline constexpr char kError[] = "error";
+inline constexpr char kErrorReason[] = "ErrorReason";
+inline constexpr char kErrorCode[] = "zor_error_t";
+inline constexpr char kDesc[] = "desc";
+inline constexpr char kFilePath[] = "filePath";
+inline constexpr char kOverride[] = "override";
+inline constexpr char kMacaddr[] = "macaddr";
+
+// Device object members.
+inline constexpr char kName[] = "name";
+inline constexpr char kManufacturer[] = "manufacturer";
+inline constexpr char kProduct[] = "product";
+inline constexpr char kId[] = "id";
+inline constexpr char kVersionString[] = "versionString";
+inline constexpr char kVersion[] = "version";
+inline constexpr char kInterfaces[] = "interfaces";
+inline constexpr char kIpAddress[] = "ipAddress";
+inline constexpr char kMacAddr[] = "macAddr";
+inline constexpr char kIsSafeModeDevice[] = "isSafeModeDevice";
+inline constexpr char kSafeModeVersion[] = "safeModeVersion";
+} // namespace protocol
+
+// The controller's whole view of the link to the service.
+class IWebsocketClient {
+public:
+    // Numbered like the WebSocket ready states.
+    enum State : int32_t {
+        Open = 1,
+        Closed = 3,
+    };
+
+    virtual ~IWebsocketClient() = default;
+    virtual void connect(const std::string& uri) = 0;
+    virtual void disconnect() = 0;
+    virtual void onStateChange(std::function<void(IWebsocketClient::State)> callback) = 0;
+    virtual State getState() const = 0;
+    virtual void onMessage(std::function<void(Json::Value)> callback) = 0;
+    virtual void sendMessage(Json::Value message) = 0;
+    virtual void run() = 0;
+};
+
+class WebsocketClient : public IWebsocketClient {
+public:
+    using Endpoint = websocketpp::client<websocketpp::config::asio_client>;
+
+    WebsocketClient();
+    WebsocketClient(const WebsocketClient&) = delete;
+    WebsocketClient& operator=(const WebsocketClient&) = delete;
+
+    void connect(const std::string& uri) override;
+    void disconnect() override;
+    void onStateChange(std::function<void(IWebsocketClient::State)> callback) override;
+    State getState() const override;
+    void onMessage(std::function<void(Json::Value)> callback) override;
+    void sendMessage(Json::Value message) override;
+    void run() override;
+
+    // Called by the endpoint only.
+    void onMessageHandler(websocketpp::connection_hdl hdl, Endpoint::message_ptr message);
+    void onOpenHandler(websocketpp::connection_hdl hdl);
+    void onCloseHandler(websocketpp::connection_hdl hdl);
+    void onFailHandler(websocketpp::connection_hdl hdl);
+
+private:
+    void stopWhenFlushed();
+
+    Endpoint client;
+    IWebsocketClient::State connectionState;
+    std::function<void(IWebsocketClient::State)> stateChangeCallback;
+    std::function<void(Json::Value)> messageCallback;
+    websocketpp::connection_hdl connection;
+};
