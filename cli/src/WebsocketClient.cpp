@@ -1,6 +1,8 @@
 #include "WebsocketClient.h"
 
+#include <chrono>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 #include <utility>
 
@@ -38,8 +40,10 @@ void WebsocketClient::stopWhenFlushed() {
     websocketpp::lib::error_code ec;
     Endpoint::connection_ptr con = client.get_con_from_hdl(connection, ec);
     if (con && con->get_buffered_amount() > 0) {
-        // Frames still queued behind a write in progress: look again after it.
-        client.get_io_service().post([this] { stopWhenFlushed(); });
+        // Frames still queued behind a write in progress: look again shortly, without
+        // spinning while a slow peer drains the socket.
+        auto retry = std::make_shared<asio::steady_timer>(client.get_io_service(), std::chrono::milliseconds(1));
+        retry->async_wait([this, retry](const asio::error_code&) { stopWhenFlushed(); });
         return;
     }
     client.stop();
