@@ -247,29 +247,17 @@ void ToolStateMachine::handleUpgradeProgress(const Json::Value& message) {
     const Json::Value& progressValue = message[protocol::kProgress];
     const double progress = progressValue.isNumeric() ? progressValue.asDouble() : 0.0;
     const std::string status = stringOf(message, protocol::kStatus);
-    const bool isDone = status == UPGRADE_STATUS_DONE;
-    int percent = static_cast<int32_t>(std::lround(progress));
-    // Any "error" member marks a failure, whatever its value.
-    const bool isFail = message.isMember(protocol::kError) || status == UPGRADE_STATUS_FAIL;
-
-    std::string statusText;
-    bool finished = true;
-    if (isDone) {
-        // "Done" wins over any error the same message carries.
-        statusText = "SUCCESS";
-        percent = 100;
-    } else if (isFail) {
+    const int percent = static_cast<int32_t>(std::lround(progress));
+    // "Done" wins over any error the same message carries; otherwise any "error"
+    // member marks a failure, whatever its value.
+    if (status == UPGRADE_STATUS_DONE) {
+        finishJob(device, 100, "SUCCESS");
+    } else if (message.isMember(protocol::kError) || status == UPGRADE_STATUS_FAIL) {
         anyJobFailed = true;
-        statusText = failureText(message, protocol::kErrorReason);
+        finishJob(device, percent, failureText(message, protocol::kErrorReason));
     } else {
-        finished = false;
-    }
-
-    output << '\r';
-    printProgressBar(output, currentJobDevice, percent, statusText);
-    if (finished) {
-        output << '\n';
-        finishJob(device);
+        output << '\r';
+        printProgressBar(output, currentJobDevice, percent, std::string());
     }
 }
 
@@ -285,13 +273,13 @@ void ToolStateMachine::handleUpgradeResult(const Json::Value& message) {
         return;
     }
     anyJobFailed = true;
-    output << '\r';
-    printProgressBar(output, currentJobDevice, 0, failureText(message, protocol::kDesc));
-    output << '\n';
-    finishJob(device);
+    finishJob(device, 0, failureText(message, protocol::kDesc));
 }
 
-void ToolStateMachine::finishJob(const std::string& device) {
+void ToolStateMachine::finishJob(const std::string& device, int percent, const std::string& statusText) {
+    output << '\r';
+    printProgressBar(output, currentJobDevice, percent, statusText);
+    output << '\n';
     // Failed jobs are rebooted too.
     if (config.reboot) {
         rebootDevice(device);

@@ -64,7 +64,8 @@ private:
     void onServiceMessage(Json::Value message);
     void handleUpgradeProgress(const Json::Value& message);
     void handleUpgradeResult(const Json::Value& message);
-    void finishJob(const std::string& device);
+    // Draws the job's last bar, then reboots, starts the next job or ends the run.
+    void finishJob(const std::string& device, int percent, const std::string& statusText);
 
     void handleDeviceList(const Json::Value& devices);
     void handleDeviceAdded(const Json::Value& device);

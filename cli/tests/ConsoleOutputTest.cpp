@@ -3,16 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include "ScriptedClient.h"
 #include "ToolStateMachine.h"
 
 namespace {
-
-Json::Value parse(const std::string& text) {
-    Json::Value value;
-    std::istringstream in(text);
-    in >> value;
-    return value;
-}
 
 std::string cells(int equals, bool head, int blanks) {
     return std::string(equals, '=') + (head ? ">" : "") + std::string(blanks, ' ');
@@ -61,7 +55,7 @@ class DeviceLineTable : public ::testing::TestWithParam<DeviceCase> {};
 
 TEST_P(DeviceLineTable, PrintsFourFieldsWithFallbacks) {
     std::ostringstream out;
-    printDevice(out, parse(GetParam().device));
+    printDevice(out, parseJson(GetParam().device));
     EXPECT_EQ(out.str(), GetParam().expected);
 }
 

@@ -10,13 +10,6 @@
 
 namespace {
 
-Json::Value parse(const std::string& text) {
-    Json::Value value;
-    std::istringstream in(text);
-    in >> value;
-    return value;
-}
-
 struct ModeCase {
     const char* device;
     DeviceMode expected;
@@ -27,7 +20,7 @@ void PrintTo(const ModeCase& c, std::ostream* os) { *os << c.device; }
 class EvalDeviceModeTable : public ::testing::TestWithParam<ModeCase> {};
 
 TEST_P(EvalDeviceModeTable, MapsSafeModeFlagAndVersion) {
-    EXPECT_EQ(evalDeviceMode(parse(GetParam().device)), GetParam().expected);
+    EXPECT_EQ(evalDeviceMode(parseJson(GetParam().device)), GetParam().expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(Devices, EvalDeviceModeTable,
@@ -70,7 +63,7 @@ TEST_P(FilterDeviceTable, AdmitsOrIgnores) {
     }
     std::ostringstream out;
     ToolStateMachine machine(config, out, std::make_shared<ScriptedClient>());
-    EXPECT_EQ(machine.filterDevice(parse(GetParam().device)), GetParam().ignored);
+    EXPECT_EQ(machine.filterDevice(parseJson(GetParam().device)), GetParam().ignored);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -118,11 +111,11 @@ TEST(FilterDevice, InterfaceThatIsNotAnObjectRaisesTheLibraryError) {
     config.deviceIps = {"10.0.0.5"};
     std::ostringstream out;
     ToolStateMachine machine(config, out, std::make_shared<ScriptedClient>());
-    EXPECT_THROW(machine.filterDevice(parse(R"({"interfaces":["10.0.0.5"]})")), Json::LogicError);
+    EXPECT_THROW(machine.filterDevice(parseJson(R"({"interfaces":["10.0.0.5"]})")), Json::LogicError);
     // Without address filters the interfaces are not read at all.
     config.deviceIps.clear();
     ToolStateMachine noAddressFilter(config, out, std::make_shared<ScriptedClient>());
-    EXPECT_FALSE(noAddressFilter.filterDevice(parse(R"({"interfaces":["x"]})")));
+    EXPECT_FALSE(noAddressFilter.filterDevice(parseJson(R"({"interfaces":["x"]})")));
 }
 
 TEST(CompareIgnoreCase, FoldsAsciiLettersOnly) {

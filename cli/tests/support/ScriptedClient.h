@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -8,6 +9,20 @@
 #include <json/json.h>
 
 #include "WebsocketClient.h"
+
+// Parses `text` with the reader settings the real client uses; null when it does not parse.
+inline bool parseJsonText(const std::string& text, Json::Value& value) {
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    return reader->parse(text.data(), text.data() + text.size(), &value, &errors);
+}
+
+inline Json::Value parseJson(const std::string& text) {
+    Json::Value value;
+    parseJsonText(text, value);
+    return value;
+}
 
 // An in-memory IWebsocketClient: run() plays a script of connection states and
 // already-parsed messages until the script ends or the controller disconnects, and
@@ -25,11 +40,8 @@ public:
 
     // Parses `text` as the real client would; unparsable text is not scripted.
     bool addText(const std::string& text) {
-        Json::CharReaderBuilder builder;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         Json::Value value;
-        std::string errors;
-        if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors)) {
+        if (!parseJsonText(text, value)) {
             return false;
         }
         addMessage(std::move(value));
