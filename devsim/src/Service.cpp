@@ -1,0 +1,613 @@
+#include "Service.hpp"
+
+#include <algorithm>
+#include <iostream>
+#include <sstream>
+#include <stdexcept>
+#include <vector>
+
+namespace devsim {
+
+namespace {
+
+// "zor_error_t" values the simulator answers with.
+enum ErrorCode {
+    kJobFailed = 1,
+    kFileUnreadable = 2,
+    kImageMismatch = 3,
+    kUnknownDevice = 4,
+    kBusy = 5,
+    kWrongMode = 6,
+    kBadRequest = 7,
+};
+
+std::string toText(const Json::Value& value)
+{
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    return Json::writeString(builder, value);
+}
+
+std::string oneLine(const std::string& text)
+{
+    std::string line;
+    for (char c : text) {
+        bool blank = c == '\n' || c == ' ';
+        if (!blank)
+            line += c;
+        else if (!line.empty() && line.back() != ' ')
+            line += ' ';
+    }
+    while (!line.empty() && line.back() == ' ')
+        line.pop_back();
+    return line;
+}
+
+std::string orAny(const std::string& id)
+{
+    return id.empty() ? "any" : id;
+}
+
+} // namespace
+
+Service::Service(asio::io_context& io, const Options& options, Fleet fleet)
+    : io_(io), options_(options), fleet_(std::move(fleet))
+{
+    server_.clear_access_channels(websocketpp::log::alevel::all);
+    // Peers that vanish without a close handshake are routine here and the
+    // library reports each as a write or read error; our own log already says
+    // how every connection ended.
+    server_.clear_error_channels(websocketpp::log::elevel::all);
+    server_.init_asio(&io_);
+    server_.set_reuse_addr(true);
+
+    // Progress events are small and come in bursts; without this, Nagle's
+    // algorithm holds each one back until the peer's delayed ACK.
+    server_.set_tcp_post_init_handler([this](Hdl hdl) {
+        std::error_code ignored;
+        server_.get_con_from_hdl(hdl)->get_socket().set_option(asio::ip::tcp::no_delay(true),
+                                                               ignored);
+    });
+    server_.set_open_handler([this](Hdl hdl) { onOpen(hdl); });
+    server_.set_close_handler([this](Hdl hdl) { onClose(hdl); });
+    server_.set_fail_handler([this](Hdl hdl) { onFail(hdl); });
+    server_.set_message_handler(
+        [this](Hdl hdl, Server::message_ptr message) { onMessage(hdl, message); });
+
+    if (!options_.recordFile.empty()) {
+        record_.open(options_.recordFile, std::ios::binary | std::ios::app);
+        if (!record_)
+            throw std::runtime_error("cannot open record file " + options_.recordFile);
+    }
+}
+
+unsigned Service::start()
+{
+    std::error_code ec;
+    asio::ip::tcp::endpoint endpoint(asio::ip::make_address("127.0.0.1"),
+                                     static_cast<unsigned short>(options_.port));
+    server_.listen(endpoint, ec);
+    if (!ec)
+        server_.start_accept(ec);
+    if (ec)
+        throw std::runtime_error("cannot listen on 127.0.0.1:" + std::to_string(options_.port) +
+                                 ": " + ec.message());
+    asio::error_code local;
+    unsigned port = server_.get_local_endpoint(local).port();
+    devicesText();
+    log("serving " + std::to_string(fleet_.visibleCount()) + " devices, tick " +
+        std::to_string(options_.tickMs) + " ms, " + std::to_string(options_.progressSteps) +
+        " progress steps");
+    return port;
+}
+
+void Service::stop(std::function<void()> drained)
+{
+    if (stopped_)
+        return;
+    stopped_ = true;
+    drained_ = std::move(drained);
+    log("stopping");
+    std::error_code ec;
+    server_.stop_listening(ec);
+    for (auto& entry : jobs_) {
+        if (entry.second->timer)
+            entry.second->timer->cancel();
+    }
+    jobs_.clear();
+    for (auto& timer : timeline_)
+        timer->cancel();
+    for (auto& entry : clients_) {
+        server_.close(entry.first, websocketpp::close::status::going_away, "service stopping",
+                      ec);
+    }
+    if (clients_.empty() && drained_)
+        drained_();
+}
+
+void Service::log(const std::string& line) const
+{
+    std::cerr << "devsim: " << line << std::endl;
+}
+
+Service::Client* Service::clientOf(Hdl hdl)
+{
+    auto it = clients_.find(hdl);
+    return it == clients_.end() ? nullptr : &it->second;
+}
+
+void Service::onOpen(Hdl hdl)
+{
+    Client client;
+    client.id = nextClientId_++;
+    client.peer = server_.get_con_from_hdl(hdl)->get_remote_endpoint();
+    Client& stored = clients_[hdl] = client;
+    log("client " + std::to_string(stored.id) + " connected from " + stored.peer);
+    startTimeline();
+
+    // A fault count of 0 takes effect before the device list.
+    applyFaults(hdl, stored);
+    sendText(hdl, devicesText());
+}
+
+const std::string& Service::devicesText()
+{
+    // Serialising a large fleet takes a while; do it once per change.
+    // Written piece by piece rather than through one big Json::Value, which
+    // would copy every device first; members in the writer's sorted order.
+    if (devicesText_.empty()) {
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        builder["emitUTF8"] = true;
+        std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
+        std::ostringstream out;
+        out << "{\"devices\":[";
+        bool first = true;
+        for (const Device& device : fleet_.devices()) {
+            if (device.hidden)
+                continue;
+            if (!first)
+                out << ',';
+            first = false;
+            writer->write(device.object, &out);
+        }
+        out << "],\"msg\":\"devices\"}";
+        devicesText_ = out.str();
+    }
+    return devicesText_;
+}
+
+void Service::onClose(Hdl hdl)
+{
+    Client* client = clientOf(hdl);
+    if (!client)
+        return;
+    auto con = server_.get_con_from_hdl(hdl);
+    std::string how;
+    if (con->get_remote_close_code() != websocketpp::close::status::no_status &&
+        con->get_remote_close_code() != websocketpp::close::status::abnormal_close)
+        how = "closed with code " + std::to_string(con->get_remote_close_code());
+    else if (con->get_local_close_code() != websocketpp::close::status::no_status &&
+             con->get_local_close_code() != websocketpp::close::status::abnormal_close)
+        how = "closed by devsim with code " + std::to_string(con->get_local_close_code());
+    else
+        how = "dropped without closing: " + con->get_ec().message();
+    log("client " + std::to_string(client->id) + " gone (" + how + ") after " +
+        std::to_string(client->sent) + " messages");
+    clients_.erase(hdl);
+    if (stopped_ && clients_.empty() && drained_)
+        drained_();
+}
+
+void Service::onFail(Hdl hdl)
+{
+    auto con = server_.get_con_from_hdl(hdl);
+    if (stopped_)
+        return; // the pending accept, cancelled by stop()
+    log("connection from " + con->get_remote_endpoint() + " failed: " + con->get_ec().message());
+}
+
+void Service::onMessage(Hdl hdl, Server::message_ptr message)
+{
+    Client* client = clientOf(hdl);
+    if (!client)
+        return;
+    const std::string& payload = message->get_payload();
+    if (record_.is_open()) {
+        record_.write(payload.data(), static_cast<std::streamsize>(payload.size()));
+        record_.flush();
+    }
+    std::string who = "client " + std::to_string(client->id) + ": ";
+    if (client->muted) {
+        log(who + "muted, ignoring a frame of " + std::to_string(payload.size()) + " bytes");
+        return;
+    }
+
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value request;
+    std::string errors;
+    if (!reader->parse(payload.data(), payload.data() + payload.size(), &request, &errors)) {
+        log(who + "ignoring a frame that is not JSON (" + oneLine(errors) + ")");
+        return;
+    }
+    std::string type = stringMember(request, "msg");
+    if (type == "upgrade")
+        handleUpgrade(hdl, *client, request);
+    else if (type == "failsafe_recover")
+        handleRecover(hdl, *client, request);
+    else if (type == "reboot")
+        handleReboot(*client, request);
+    else if (!request.isObject())
+        log(who + "ignoring a JSON value that is not an object");
+    else if (type.empty())
+        log(who + "ignoring a message without a \"msg\" string");
+    else
+        log(who + "ignoring unknown request \"" + type + "\"");
+}
+
+void Service::refuse(Hdl hdl, Client& client, const std::string& device, int code,
+                     const std::string& desc)
+{
+    log("client " + std::to_string(client.id) + ": refused (" + std::to_string(code) + "): " +
+        desc);
+    Json::Value result(Json::objectValue);
+    result["msg"] = "upgrade_result";
+    result["device"] = device;
+    result["zor_error_t"] = code;
+    result["desc"] = desc;
+    send(hdl, result);
+}
+
+void Service::handleUpgrade(Hdl hdl, Client& client, const Json::Value& request)
+{
+    std::string name = stringMember(request, "device");
+    std::string path = stringMember(request, "filePath");
+    const Json::Value& overrideValue = request["override"];
+    bool force = overrideValue.isString() && overrideValue.asString() == "true";
+    log("client " + std::to_string(client.id) + ": upgrade " + name + " with " + path +
+        (force ? " (override)" : ""));
+    if (!overrideValue.isNull() && !overrideValue.isString())
+        log("client " + std::to_string(client.id) +
+            ": \"override\" is not a string, taken as \"false\"");
+
+    if (name.empty())
+        return refuse(hdl, client, name, kBadRequest, "Request names no device");
+    Device* device = fleet_.find(name);
+    if (!device)
+        return refuse(hdl, client, name, kUnknownDevice, "Unknown device " + name);
+    if (jobs_.count(name))
+        return refuse(hdl, client, name, kBusy, "Device " + name + " is busy with another job");
+    Mode mode = modeOf(device->object);
+    if (mode == Mode::Failsafe || mode == Mode::None)
+        return refuse(hdl, client, name, kWrongMode,
+                      "Device " + name + " is in " + modeWord(mode) +
+                          " mode and cannot take an image");
+    if (path.empty())
+        return refuse(hdl, client, name, kBadRequest, "Request names no firmware file");
+
+    ImageInfo image;
+    std::string error;
+    if (!readImage(path, image, error))
+        return refuse(hdl, client, name, kFileUnreadable, error);
+    std::string maker = nestedId(device->object, "manufacturer");
+    std::string model = nestedId(device->object, "product");
+    if ((!image.manufacturer.empty() && !equalsIgnoreCase(image.manufacturer, maker)) ||
+        (!image.model.empty() && !equalsIgnoreCase(image.model, model))) {
+        std::string what = "Image is for " + orAny(image.manufacturer) + "/" +
+                           orAny(image.model) + " but " + name + " is " + maker + "/" + model;
+        if (!force)
+            return refuse(hdl, client, name, kImageMismatch, what);
+        log("client " + std::to_string(client.id) + ": " + what + "; flashing it anyway");
+    }
+    if (device->script.refuse)
+        return refuse(hdl, client, name, device->script.resultCode, device->script.desc);
+
+    std::string version = image.version;
+    if (version.empty())
+        version = mode == Mode::Safe ? device->recoverVersion
+                                     : bumpVersion(deviceVersion(device->object));
+    Json::Value after = device->object;
+    after.removeMember("isSafeModeDevice");
+    after.removeMember("safeModeVersion");
+    setDeviceVersion(after, version);
+    startJob(hdl, client, *device, std::move(after), false);
+}
+
+void Service::handleRecover(Hdl hdl, Client& client, const Json::Value& request)
+{
+    // Safe-mode devices are named under "device", failsafe ones under
+    // "macaddr"; either may hold the name or an interface's MAC address.
+    std::string key = stringMember(request, "device");
+    if (key.empty())
+        key = stringMember(request, "macaddr");
+    log("client " + std::to_string(client.id) + ": failsafe_recover " + key);
+    if (key.empty())
+        return refuse(hdl, client, key, kBadRequest, "Request names no device");
+    Device* device = fleet_.findByNameOrMac(key);
+    if (!device)
+        return refuse(hdl, client, key, kUnknownDevice, "Unknown device " + key);
+    std::string name = device->object["name"].asString();
+    if (jobs_.count(name))
+        return refuse(hdl, client, key, kBusy, "Device " + name + " is busy with another job");
+    const Json::Value& safe = device->object["isSafeModeDevice"];
+    if (!safe.isBool() || !safe.asBool())
+        return refuse(hdl, client, key, kWrongMode,
+                      "Device " + name + " is not in safe or failsafe mode");
+    if (device->script.refuse)
+        return refuse(hdl, client, key, device->script.resultCode, device->script.desc);
+
+    Json::Value after = device->object;
+    after.removeMember("isSafeModeDevice");
+    after.removeMember("safeModeVersion");
+    setDeviceVersion(after, device->recoverVersion);
+    startJob(hdl, client, *device, std::move(after), true);
+}
+
+void Service::handleReboot(Client& client, const Json::Value& request)
+{
+    std::string name = stringMember(request, "device");
+    std::string who = "client " + std::to_string(client.id) + ": ";
+    Device* device = name.empty() ? nullptr : fleet_.find(name);
+    if (!device)
+        return log(who + "reboot of unknown device \"" + name + "\" ignored");
+    if (jobs_.count(name))
+        return log(who + "reboot of " + name + " ignored, a job is running on it");
+    log(who + "reboot " + name);
+    Json::Value message(Json::objectValue);
+    message["msg"] = "device_removed";
+    message["device"] = device->object;
+    broadcast(message);
+    message["msg"] = "device_added";
+    broadcast(message);
+}
+
+void Service::startJob(Hdl hdl, Client& client, Device& device, Json::Value after,
+                       bool recovery)
+{
+    auto job = std::make_shared<Job>();
+    job->device = device.object["name"].asString();
+    job->client = hdl;
+    job->clientId = client.id;
+    job->recovery = recovery;
+    job->after = std::move(after);
+    job->script = device.script;
+    jobs_[job->device] = job;
+    log("client " + std::to_string(client.id) + ": " + (recovery ? "recovery" : "upgrade") +
+        " of " + job->device + " started");
+    schedule(job);
+}
+
+void Service::schedule(const std::shared_ptr<Job>& job)
+{
+    if (options_.tickMs == 0) {
+        asio::post(io_, [this, job] { advance(job); });
+        return;
+    }
+    if (!job->timer)
+        job->timer = std::make_unique<asio::steady_timer>(io_);
+    job->timer->expires_after(std::chrono::milliseconds(options_.tickMs));
+    job->timer->async_wait([this, job](const asio::error_code& ec) {
+        if (!ec)
+            advance(job);
+    });
+}
+
+void Service::sendProgress(const Job& job, int percent, const std::string& status)
+{
+    Json::Value message(Json::objectValue);
+    message["msg"] = "upgrade_progress";
+    message["device"] = job.device;
+    message["progress"] = percent;
+    message["status"] = status;
+    send(job.client, message);
+}
+
+void Service::advance(const std::shared_ptr<Job>& job)
+{
+    auto it = jobs_.find(job->device);
+    if (stopped_ || it == jobs_.end() || it->second != job)
+        return;
+    unsigned steps = std::max(1u, options_.progressSteps);
+    ++job->step;
+    int percent = job->step >= steps
+                      ? 100
+                      : static_cast<int>(static_cast<unsigned long long>(job->step) * 100 / steps);
+    const Script& script = job->script;
+
+    if (script.end != Script::End::Done && percent >= script.at) {
+        std::string prefix = "client " + std::to_string(job->clientId) + ": ";
+        if (script.end == Script::End::Stall) {
+            // The job never ends; the device stays busy.
+            sendProgress(*job, script.at, job->recovery ? "Recovering" : "Transferring");
+            log(prefix + "job on " + job->device + " stalls at " + std::to_string(script.at) +
+                "%");
+            return;
+        }
+        jobs_.erase(it);
+        Json::Value message(Json::objectValue);
+        message["device"] = job->device;
+        if (script.end == Script::End::Fail) {
+            message["msg"] = "upgrade_progress";
+            message["progress"] = script.at;
+            message["status"] = "Fail";
+            message["error"] = script.errorCode;
+            message["ErrorReason"] = script.errorReason;
+            log(prefix + "job on " + job->device + " fails at " + std::to_string(script.at) +
+                "%: " + script.errorReason);
+        } else {
+            message["msg"] = "upgrade_result";
+            message["zor_error_t"] = script.resultCode;
+            message["desc"] = script.desc;
+            log(prefix + "job on " + job->device + " ends with result " +
+                std::to_string(script.resultCode) + ": " + script.desc);
+        }
+        send(job->client, message);
+        return;
+    }
+    if (job->step >= steps)
+        return finishJob(job);
+    sendProgress(*job, percent,
+                 job->recovery ? "Recovering" : (percent < 50 ? "Transferring" : "Flashing"));
+    schedule(job);
+}
+
+void Service::finishJob(const std::shared_ptr<Job>& job)
+{
+    jobs_.erase(job->device);
+    // The device restarts into its new firmware before the job is reported
+    // done, so clients see it leave and come back while the job is still
+    // theirs and can tell that restart from an unrelated one.
+    if (Device* device = fleet_.find(job->device)) {
+        Json::Value message(Json::objectValue);
+        message["msg"] = "device_removed";
+        message["device"] = device->object;
+        broadcast(message);
+        device->object = job->after;
+        devicesText_.clear();
+        message["msg"] = "device_added";
+        message["device"] = device->object;
+        broadcast(message);
+    }
+    sendProgress(*job, 100, "Done");
+    log("client " + std::to_string(job->clientId) + ": job on " + job->device +
+        " done, now at version " + deviceVersion(job->after));
+}
+
+void Service::send(Hdl hdl, const Json::Value& message)
+{
+    sendText(hdl, toText(message));
+}
+
+void Service::broadcast(const Json::Value& message)
+{
+    std::string text = toText(message);
+    std::vector<Hdl> targets;
+    for (auto& entry : clients_)
+        targets.push_back(entry.first);
+    for (Hdl& hdl : targets)
+        sendText(hdl, text);
+}
+
+void Service::sendText(Hdl hdl, const std::string& text)
+{
+    Client* client = clientOf(hdl);
+    if (!client || client->muted || client->closing)
+        return;
+    std::error_code ec;
+    server_.send(hdl, text,
+                 options_.binary ? websocketpp::frame::opcode::binary
+                                 : websocketpp::frame::opcode::text,
+                 ec);
+    if (ec) {
+        log("client " + std::to_string(client->id) + ": send failed: " + ec.message());
+        return;
+    }
+    ++client->sent;
+    applyFaults(hdl, *client);
+}
+
+void Service::applyFaults(Hdl hdl, Client& client)
+{
+    std::string who = "client " + std::to_string(client.id) + ": ";
+    auto reached = [&](long limit) { return limit >= 0 && client.sent >= limit; };
+    auto opcode = options_.binary ? websocketpp::frame::opcode::binary
+                                  : websocketpp::frame::opcode::text;
+    std::error_code ec;
+    if (reached(options_.garbageAfter) && !client.garbageDone) {
+        client.garbageDone = true;
+        log(who + "sending a frame that is not JSON");
+        server_.send(hdl, std::string("this is not json"), opcode, ec);
+    }
+    if (reached(options_.oversizeAfter) && !client.oversizeDone) {
+        client.oversizeDone = true;
+        // Just over the 32,000,000-byte message limit WebSocket peers commonly use.
+        std::string big = "{\"msg\":\"padding\",\"data\":\"";
+        big.append(33000000, 'x');
+        big += "\"}";
+        log(who + "sending an oversized frame of " + std::to_string(big.size()) + " bytes");
+        server_.send(hdl, big, opcode, ec);
+    }
+    if (reached(options_.muteAfter) && !client.muted) {
+        client.muted = true;
+        log(who + "muted after " + std::to_string(client.sent) + " messages");
+    }
+    if (reached(options_.closeAfter) && !client.closing) {
+        client.closing = true;
+        log(who + "closing after " + std::to_string(client.sent) + " messages");
+        server_.close(hdl, websocketpp::close::status::going_away, "closing as asked", ec);
+    }
+}
+
+void Service::after(long ms, std::function<void()> action)
+{
+    auto timer = std::make_unique<asio::steady_timer>(io_);
+    timer->expires_after(std::chrono::milliseconds(ms));
+    timer->async_wait([this, action](const asio::error_code& ec) {
+        if (!ec && !stopped_)
+            action();
+    });
+    timeline_.push_back(std::move(timer));
+}
+
+void Service::startTimeline()
+{
+    // Scripted arrivals, departures and changes count from the first client,
+    // so a test that connects late still sees all of them.
+    if (timelineStarted_)
+        return;
+    timelineStarted_ = true;
+    std::vector<Device>& devices = fleet_.devices();
+    for (size_t i = 0; i < devices.size(); ++i) {
+        Device& device = devices[i];
+        if (device.appearAfterMs >= 0) {
+            after(device.appearAfterMs, [this, i] {
+                Device& d = fleet_.devices()[i];
+                d.hidden = false;
+                devicesText_.clear();
+                log("device " + d.object["name"].asString() + " appears");
+                Json::Value message(Json::objectValue);
+                message["msg"] = "device_added";
+                message["device"] = d.object;
+                broadcast(message);
+            });
+        }
+        if (device.changeAfterMs >= 0) {
+            after(device.changeAfterMs, [this, i] {
+                Device& d = fleet_.devices()[i];
+                if (d.hidden)
+                    return;
+                Json::Value message(Json::objectValue);
+                message["msg"] = "device_changed";
+                message["from"] = d.object;
+                for (const std::string& key : d.changeTo.getMemberNames()) {
+                    if (d.changeTo[key].isNull())
+                        d.object.removeMember(key);
+                    else
+                        d.object[key] = d.changeTo[key];
+                }
+                devicesText_.clear();
+                message["to"] = d.object;
+                log("device " + d.object["name"].asString() + " changes");
+                broadcast(message);
+            });
+        }
+        if (device.leaveAfterMs >= 0) {
+            after(device.leaveAfterMs, [this, i] {
+                Device& d = fleet_.devices()[i];
+                if (d.hidden)
+                    return;
+                log("device " + d.object["name"].asString() + " leaves");
+                Json::Value message(Json::objectValue);
+                message["msg"] = "device_removed";
+                message["device"] = d.object;
+                broadcast(message);
+                d.hidden = true;
+                devicesText_.clear();
+            });
+        }
+    }
+}
+
+} // namespace devsim

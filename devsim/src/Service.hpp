@@ -1,0 +1,115 @@
+// The WebSocket side of the simulator: clients, requests, jobs and the
+// faults a test can ask for.
+#pragma once
+
+#include "Fleet.hpp"
+
+#include <asio.hpp>
+#include <websocketpp/config/asio_no_tls.hpp>
+#include <websocketpp/server.hpp>
+
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+namespace devsim {
+
+struct Options {
+    unsigned port = 7070;
+    unsigned tickMs = 200;
+    unsigned progressSteps = 10;
+    std::string recordFile;
+    // Fault injection; -1 means off. Counts are per client and count the
+    // protocol messages sent to that client.
+    long closeAfter = -1;
+    long garbageAfter = -1;
+    long muteAfter = -1;
+    long oversizeAfter = -1;
+    bool binary = false;
+};
+
+class Service {
+public:
+    Service(asio::io_context& io, const Options& options, Fleet fleet);
+
+    // Binds 127.0.0.1:port and starts accepting; returns the bound port.
+    // Throws std::runtime_error when the port cannot be bound.
+    unsigned start();
+    // Stops accepting, closes every client and ends all jobs; `drained` runs
+    // once the last client has gone.
+    void stop(std::function<void()> drained);
+
+private:
+    using Server = websocketpp::server<websocketpp::config::asio>;
+    using Hdl = websocketpp::connection_hdl;
+
+    struct Client {
+        int id = 0;
+        std::string peer;
+        long sent = 0;
+        bool muted = false;
+        bool closing = false;
+        bool garbageDone = false;
+        bool oversizeDone = false;
+    };
+
+    struct Job {
+        std::string device;
+        Hdl client;
+        int clientId = 0;
+        bool recovery = false;
+        Json::Value after; // the device object once the job has succeeded
+        Script script;
+        unsigned step = 0;
+        std::unique_ptr<asio::steady_timer> timer;
+    };
+
+    void onOpen(Hdl hdl);
+    void onClose(Hdl hdl);
+    void onFail(Hdl hdl);
+    void onMessage(Hdl hdl, Server::message_ptr message);
+
+    void handleUpgrade(Hdl hdl, Client& client, const Json::Value& request);
+    void handleRecover(Hdl hdl, Client& client, const Json::Value& request);
+    void handleReboot(Client& client, const Json::Value& request);
+
+    void startJob(Hdl hdl, Client& client, Device& device, Json::Value after, bool recovery);
+    void schedule(const std::shared_ptr<Job>& job);
+    void advance(const std::shared_ptr<Job>& job);
+    void finishJob(const std::shared_ptr<Job>& job);
+
+    void refuse(Hdl hdl, Client& client, const std::string& device, int code,
+                const std::string& desc);
+    void sendProgress(const Job& job, int percent, const std::string& status);
+
+    void send(Hdl hdl, const Json::Value& message);
+    void sendText(Hdl hdl, const std::string& text);
+    void broadcast(const Json::Value& message);
+    void applyFaults(Hdl hdl, Client& client);
+
+    const std::string& devicesText();
+    void startTimeline();
+    void after(long ms, std::function<void()> action);
+
+    Client* clientOf(Hdl hdl);
+    void log(const std::string& line) const;
+
+    asio::io_context& io_;
+    Options options_;
+    Fleet fleet_;
+    Server server_;
+    std::map<Hdl, Client, std::owner_less<Hdl>> clients_;
+    std::map<std::string, std::shared_ptr<Job>> jobs_;
+    std::vector<std::unique_ptr<asio::steady_timer>> timeline_;
+    bool timelineStarted_ = false;
+    bool stopped_ = false;
+    std::function<void()> drained_;
+    std::string devicesText_; // the "devices" message, rebuilt after changes
+    int nextClientId_ = 1;
+    std::ofstream record_;
+};
+
+} // namespace devsim

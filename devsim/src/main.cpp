@@ -1,0 +1,136 @@
+// devsim: a stand-in for the local device update service, for tests and demos.
+#include "Service.hpp"
+
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <string>
+
+namespace {
+
+const char* const kUsage =
+    "Usage: devsim [options]\n"
+    "\n"
+    "A simulated device update service on ws://127.0.0.1:<port>.\n"
+    "\n"
+    "Options:\n"
+    "  --port=N              Port to listen on (default 7070; 0 picks a free one)\n"
+    "  --fleet=FILE          Devices to serve, from a JSON file (default: built-in fleet)\n"
+    "  --generate-fleet=N    Serve N synthetic normal-mode devices instead\n"
+    "  --tick-ms=N           Milliseconds between progress events (default 200; 0 = no pause)\n"
+    "  --progress-steps=N    Progress events per job, the last being Done (default 10)\n"
+    "  --record=FILE         Append every frame received from any client to FILE, verbatim\n"
+    "  --help, -h            Show this text\n"
+    "\n"
+    "Faults, counted per client in protocol messages sent to it:\n"
+    "  --close-after=N       Close the connection after N messages\n"
+    "  --garbage-after=N     After N messages, send one frame \"this is not json\"\n"
+    "  --mute-after=N        After N messages, send nothing more and ignore requests\n"
+    "  --oversize-after=N    After N messages, send one frame of about 33 MB\n"
+    "  --binary              Send every message as a binary frame\n"
+    "\n"
+    "Prints \"devsim listening on 127.0.0.1:<port>\" once ready; logs to stderr.\n"
+    "SIGINT or SIGTERM stops it.\n";
+
+bool takeValue(const std::string& arg, const std::string& option, std::string& value)
+{
+    std::string prefix = option + "=";
+    if (arg.compare(0, prefix.size(), prefix) != 0)
+        return false;
+    value = arg.substr(prefix.size());
+    return true;
+}
+
+unsigned long toNumber(const std::string& option, const std::string& text, unsigned long max)
+{
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos ||
+        text.size() > 10 || std::stoull(text) > max) {
+        std::cerr << "devsim: " << option << " needs a whole number up to " << max << "\n";
+        std::exit(2);
+    }
+    return std::stoul(text);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    devsim::Options options;
+    std::string fleetFile;
+    long generate = -1;
+    const unsigned long kMaxCount = std::numeric_limits<int>::max();
+
+    for (int i = 1; i < argc; ++i) {
+        std::string arg = argv[i], value;
+        if (arg == "--help" || arg == "-h") {
+            std::cout << kUsage;
+            return 0;
+        } else if (arg == "--binary") {
+            options.binary = true;
+        } else if (takeValue(arg, "--port", value)) {
+            options.port = toNumber("--port", value, 65535);
+        } else if (takeValue(arg, "--fleet", value)) {
+            fleetFile = value;
+        } else if (takeValue(arg, "--generate-fleet", value)) {
+            generate = static_cast<long>(toNumber("--generate-fleet", value, 1000000));
+        } else if (takeValue(arg, "--tick-ms", value)) {
+            options.tickMs = toNumber("--tick-ms", value, 3600000);
+        } else if (takeValue(arg, "--progress-steps", value)) {
+            options.progressSteps = toNumber("--progress-steps", value, 100000000);
+            if (options.progressSteps == 0) {
+                std::cerr << "devsim: --progress-steps must be at least 1\n";
+                return 2;
+            }
+        } else if (takeValue(arg, "--record", value)) {
+            options.recordFile = value;
+        } else if (takeValue(arg, "--close-after", value)) {
+            options.closeAfter = static_cast<long>(toNumber("--close-after", value, kMaxCount));
+        } else if (takeValue(arg, "--garbage-after", value)) {
+            options.garbageAfter = static_cast<long>(toNumber("--garbage-after", value, kMaxCount));
+        } else if (takeValue(arg, "--mute-after", value)) {
+            options.muteAfter = static_cast<long>(toNumber("--mute-after", value, kMaxCount));
+        } else if (takeValue(arg, "--oversize-after", value)) {
+            options.oversizeAfter =
+                static_cast<long>(toNumber("--oversize-after", value, kMaxCount));
+        } else {
+            std::cerr << "devsim: unknown option " << arg << " (see --help)\n";
+            return 2;
+        }
+    }
+    if (!fleetFile.empty() && generate >= 0) {
+        std::cerr << "devsim: --fleet and --generate-fleet exclude each other\n";
+        return 2;
+    }
+
+    // A reader that went away must not kill the service mid-write.
+    std::signal(SIGPIPE, SIG_IGN);
+
+    try {
+        devsim::Fleet fleet = !fleetFile.empty()   ? devsim::Fleet::fromFile(fleetFile)
+                              : generate >= 0 ? devsim::Fleet::generated(
+                                                    static_cast<unsigned>(generate))
+                                                : devsim::Fleet::builtIn();
+        asio::io_context io;
+        devsim::Service service(io, options, std::move(fleet));
+        unsigned port = service.start();
+
+        asio::steady_timer deadline(io);
+        asio::signal_set signals(io, SIGINT, SIGTERM);
+        signals.async_wait([&](const asio::error_code& ec, int) {
+            if (ec)
+                return;
+            service.stop([&io] { io.stop(); });
+            // Give close handshakes a moment, but never hang on a silent peer.
+            deadline.expires_after(std::chrono::milliseconds(500));
+            deadline.async_wait([&io](const asio::error_code&) { io.stop(); });
+        });
+
+        std::cout << "devsim listening on 127.0.0.1:" << port << std::endl;
+        io.run();
+    } catch (const std::exception& e) {
+        std::cerr << "devsim: " << e.what() << "\n";
+        return 1;
+    }
+    return 0;
+}
