@@ -5,10 +5,12 @@ runs devupdate as a separate process, and checks standard output byte for
 byte, the exit status and the exact frames devsim received.
 """
 
+import collections
 import json
 import os
 import queue
 import re
+import resource
 import select
 import shutil
 import signal
@@ -32,6 +34,23 @@ def bar(name, percent, detail=""):
     cells = "".join("=" if i < head else ">" if i == head else " " for i in range(50))
     text = "Updating %s : [%s] %d%%" % (name, cells, percent)
     return text + (" - " + detail if detail else "")
+
+
+def redrawn(name, *percents):
+    """A job cut short: its first bar and the redraws it got so far, no line end."""
+    return bar(name, 0) + "".join("\r" + bar(name, percent) for percent in percents)
+
+
+def devsim_percents(steps):
+    """The percentages of the progress events devsim sends before "Done" in a
+    job of `steps` steps: step * 100 / steps, rounded down, for every step but
+    the last."""
+    return [step * 100 // steps for step in range(1, steps)]
+
+
+# What the tool prints for devsim's "this is not json" frame.
+NOT_JSON = ("Failed to parse JSON message: * Line 1, Column 1\n"
+            "  Syntax error: value, object or array expected.\n\n")
 
 
 def job(name, ending=(100, "SUCCESS"), progress=(25, 50, 75)):
@@ -222,11 +241,35 @@ class Journey(unittest.TestCase):
         status = sim.stop()
         self.assertEqual(status, 0, "devsim did not stop cleanly:\n" + sim.log.text.decode())
 
-    def tool(self, sim_or_port, *args):
+    def tool(self, sim_or_port, *args, wrapper=(), timeout=TIMEOUT):
+        """Runs devupdate to its end; returns its output and exit status, and
+        keeps its standard error and wall time in `stderr` and `elapsed`."""
         port = sim_or_port if isinstance(sim_or_port, int) else sim_or_port.port
-        done = subprocess.run([DEVUPDATE, "--port=%d" % port, *args], cwd=self.folder,
-                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=TIMEOUT)
+        started = time.monotonic()
+        done = subprocess.run([*wrapper, DEVUPDATE, "--port=%d" % port, *args], cwd=self.folder,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=timeout)
+        self.elapsed = time.monotonic() - started
+        self.stderr = done.stderr.decode(errors="replace")
         return done.stdout.decode(), done.returncode
+
+    def assert_ended_normally(self, status):
+        """Exit status 0 or 1: never a signal (a crash, an abort, a sanitizer's
+        kill) or another status."""
+        if status < 0:
+            self.fail("devupdate was killed by signal %d; stderr:\n%s"
+                      % (-status, getattr(self, "stderr", "")))
+        self.assertIn(status, (0, 1), "stderr:\n" + getattr(self, "stderr", ""))
+
+    def assert_same_text(self, got, expected):
+        """assertEqual for outputs too long for a readable diff: names the first
+        difference with some context on either side."""
+        if got == expected:
+            return
+        at = next((i for i, (a, b) in enumerate(zip(got, expected)) if a != b),
+                  min(len(got), len(expected)))
+        self.fail("output differs at character %d of %d (expected %d):\n got      %r\n expected %r"
+                  % (at, len(got), len(expected), got[max(0, at - 100):at + 100],
+                     expected[max(0, at - 100):at + 100]))
 
     def check(self, sim, args, output, status, frames=None, clients=1):
         got, code = self.tool(sim, *args)
@@ -251,6 +294,10 @@ class ExpectedText(unittest.TestCase):
                          "Updating Unit-8 : [" + "=" * 18 + ">" + " " * 31 + "] 37%")
         self.assertEqual(bar("Unit-8", 100, "SUCCESS"),
                          "Updating Unit-8 : [" + "=" * 50 + "] 100% - SUCCESS")
+
+    def test_devsim_percents_match_a_default_job(self):
+        self.assertEqual(devsim_percents(STEPS), [25, 50, 75])
+        self.assertEqual(devsim_percents(100000)[998:1001], [0, 1, 1])
 
     def test_device_lines(self):
         self.assertEqual(found(FLEET["epsilon"], "Lost"),
@@ -294,9 +341,7 @@ class Listing(Journey):
 
     def test_frame_that_is_not_json_is_reported_and_skipped(self):
         sim = self.start_sim(args=["--garbage-after=0"])
-        error = "* Line 1, Column 1\n  Syntax error: value, object or array expected.\n"
-        self.check(sim, ["--list", "--device-name=alpha"],
-                   "Failed to parse JSON message: " + error + "\n" + found(FLEET["alpha"]), 0)
+        self.check(sim, ["--list", "--device-name=alpha"], NOT_JSON + found(FLEET["alpha"]), 0)
 
 
 class Updating(Journey):
@@ -360,22 +405,156 @@ class Recovery(Journey):
                                 override="false"))
 
 
+# ---------------------------------------------------------------- faults
+
+UPDATE_ALPHA = ("--file=fw-any.bin", "--device-name=alpha")
+UPDATE_ALL = ("--file=fw-any.bin", "--all")
+
+
+def upgrades(*names):
+    """The frames of upgrade requests with fw-any.bin, one per name."""
+    return lambda test: "".join(frame(msg="upgrade", device=name,
+                                      filePath=test.path("fw-any.bin"), override="false")
+                                for name in names)
+
+
+def cpu_seconds(pid):
+    """User plus system CPU time a running process has used so far, or None
+    where there is no /proc."""
+    try:
+        with open("/proc/%d/stat" % pid) as f:
+            fields = f.read().rsplit(")", 1)[1].split()
+    except FileNotFoundError:
+        return None
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def children_cpu_seconds():
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
+
+
+# One row per way the service can let the tool down. `sim` holds devsim's
+# fault options (None: nothing listens at all); `frames` what devsim must
+# have received, where that is certain; `log` a text standard error must
+# contain (None: standard error stays empty).
+Fault = collections.namedtuple("Fault", "name sim args output status frames log",
+                               defaults=(None, None))
+
+# Messages devsim sends a client in an update of alpha: the list, 25, 50, 75,
+# alpha leaving and coming back, "Done"; so six per job after the list.
+FAULTS = [
+    # The library logs the refused connection on standard error.
+    Fault("nothing_listening", None, ("--list",), "", 1, log="Connection refused"),
+    Fault("service_closing_before_the_list", ("--close-after=0",), ("--list",), "", 1,
+          frames=""),
+    Fault("service_closing_mid_job", ("--close-after=3",), UPDATE_ALPHA,
+          redrawn("alpha", 25, 50), 1, frames=upgrades("alpha")),
+    # The close comes right behind alpha's "Done", after the tool has asked
+    # for beta; whether devsim still reads that request is up to its library.
+    Fault("service_closing_between_jobs", ("--close-after=7",), UPDATE_ALL,
+          job("alpha") + bar("beta", 0), 1),
+    # The close comes right behind the last "Done": the run is over by then.
+    Fault("service_closing_after_the_last_job", ("--close-after=19",), UPDATE_ALL,
+          job("alpha") + job("beta") + job("gamma"), 0,
+          frames=upgrades("alpha", "beta", "gamma")),
+    Fault("frame_that_is_not_json_mid_job", ("--garbage-after=2",), UPDATE_ALPHA,
+          redrawn("alpha", 25) + NOT_JSON + job("alpha")[len(redrawn("alpha", 25)):], 0,
+          frames=upgrades("alpha")),
+    Fault("binary_frames_during_a_job", ("--binary",), UPDATE_ALPHA, job("alpha"), 0,
+          frames=upgrades("alpha")),
+    # 33,000,027 bytes, over the WebSocket library's message limit: the library
+    # fails the connection (close code 1009) and logs why on standard error.
+    Fault("oversized_frame_ends_the_run", ("--oversize-after=0",), ("--list",), "", 1,
+          frames="", log="too large"),
+    Fault("oversized_frame_mid_job", ("--oversize-after=3",), UPDATE_ALPHA,
+          redrawn("alpha", 25, 50), 1, frames=upgrades("alpha"), log="too large"),
+]
+
+QUIET_WINDOW = 0.5  # seconds of watching a tool that waits on a silent service
+
+
 class Faults(Journey):
-    def test_nothing_listening(self):
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            port = probe.getsockname()[1]
-        output, status = self.tool(port, "--list")
-        self.assertEqual((output, status), ("", 1))
+    """A service that goes away, talks nonsense, goes quiet or floods the tool.
+    Whatever happens the tool ends with 0 or 1, never by a signal, and prints
+    what an ordinary run prints up to the fault; a silent service is waited
+    for without burning CPU."""
 
-    def test_service_closing_mid_job(self):
-        sim = self.start_sim(args=["--close-after=3"])
-        self.check(sim, ["--file=fw-any.bin", "--device-name=alpha"],
-                   bar("alpha", 0) + "\r" + bar("alpha", 25) + "\r" + bar("alpha", 50), 1)
+    def run_fault(self, row):
+        if row.sim is None:
+            with socket.socket() as probe:
+                probe.bind(("127.0.0.1", 0))
+                target = probe.getsockname()[1]
+        else:
+            target = self.start_sim(args=row.sim)
+        output, status = self.tool(target, *row.args)
+        self.assert_ended_normally(status)
+        self.assertEqual(output, row.output)
+        self.assertEqual(status, row.status)
+        if row.log is None:
+            self.assertEqual(self.stderr, "")
+        else:
+            self.assertIn(row.log, self.stderr)
+        if row.frames is not None:
+            target.clients_gone(1)
+            expected = row.frames(self) if callable(row.frames) else row.frames
+            self.assertEqual(target.frames(), expected)
 
-    def test_oversized_frame_ends_the_run(self):
-        sim = self.start_sim(args=["--oversize-after=0"])
-        self.check(sim, ["--list"], "", 1)
+    def test_silent_service_is_waited_for_without_spinning(self):
+        table = [
+            (0, ("--list",), ""),
+            (2, UPDATE_ALPHA, redrawn("alpha", 25)),
+        ]
+        for mute_after, args, shown in table:
+            with self.subTest(mute_after=mute_after):
+                sim = self.start_sim(args=["--mute-after=%d" % mute_after])
+                launched = time.monotonic()
+                children_before = children_cpu_seconds()
+                waiting = subprocess.Popen([DEVUPDATE, "--port=%d" % sim.port, *args],
+                                           cwd=self.folder, stdout=subprocess.PIPE,
+                                           stderr=subprocess.PIPE)
+                output, errors = Lines(waiting.stdout), Lines(waiting.stderr)
+                self.addCleanup(errors.close)
+                self.addCleanup(output.close)
+                self.addCleanup(waiting.wait, TIMEOUT)
+                self.addCleanup(lambda proc=waiting: proc.poll() is None and proc.kill())
+
+                sim.log.wait_for(lambda text: b"muted after" in text)
+                output.wait_for(lambda text: text == shown)
+                started, before = time.monotonic(), cpu_seconds(waiting.pid)
+                time.sleep(QUIET_WINDOW)
+                after, ended = cpu_seconds(waiting.pid), time.monotonic()
+                self.assertIsNone(waiting.poll(), "devupdate should still be waiting")
+                self.assertEqual(output.text, shown)
+
+                waiting.terminate()
+                waiting.wait(TIMEOUT)
+                self.assertEqual(waiting.returncode, -signal.SIGTERM)
+                if before is None or after is None:
+                    # No /proc: judge the whole life of the process instead.
+                    busy = children_cpu_seconds() - children_before
+                    started, ended = launched, time.monotonic()
+                else:
+                    busy = after - before
+                self.assertLess(busy, 0.1 * (ended - started),
+                                "devupdate used %.3f s of CPU in %.3f s of waiting"
+                                % (busy, ended - started))
+                self.assertEqual(errors.text, "")
+
+    def test_hundred_thousand_progress_events(self):
+        steps = 100000
+        sim = self.start_sim(args=["--progress-steps=%d" % steps])
+        output, status = self.tool(sim, *UPDATE_ALPHA)
+        self.assert_ended_normally(status)
+        self.assertEqual(output.count("\r"), steps)
+        self.assert_same_text(output, job("alpha", progress=devsim_percents(steps)))
+        self.assertEqual(status, 0)
+        self.assertEqual(self.stderr, "")
+
+
+for _row in FAULTS:
+    setattr(Faults, "test_" + _row.name, lambda self, row=_row: self.run_fault(row))
+del _row
 
 
 class LongLived(Journey):
@@ -451,6 +630,68 @@ class LargeFleet(Journey):
         self.assertEqual(len(lines), 50000)
         self.assertEqual(lines[0], "Found[Normal]:   node-00001,Acme,X100 Controller,2.0.3\n")
         self.assertEqual(lines[-1], "Found[Normal]:   node-50000,Northwind,NW-200 Gateway,4.1.0\n")
+
+
+# ---------------------------------------------------------------- memory
+
+VALGRIND = ("valgrind", "--tool=memcheck", "--leak-check=full",
+            "--errors-for-leak-kinds=definite,indirect", "--error-exitcode=99")
+VALGRIND_TIMEOUT = 120  # memcheck's start-up alone takes most of a second
+
+
+def sanitized(binary):
+    """True for a binary built with a sanitizer runtime, which valgrind cannot run."""
+    path = shutil.which(binary) or binary
+    with open(path, "rb") as f:
+        content = f.read()
+    return any(mark in content for mark in (b"__asan_init", b"__tsan_init", b"__msan_init"))
+
+
+@unittest.skipUnless(shutil.which("valgrind"), "valgrind is not installed")
+class Memory(Journey):
+    """Whole runs under memcheck: no invalid access, nothing lost at exit, and
+    the same output and exit status as without it."""
+
+    @classmethod
+    def setUpClass(cls):
+        if sanitized(DEVUPDATE):
+            raise unittest.SkipTest("devupdate is built with a sanitizer; valgrind cannot run it")
+
+    def under_memcheck(self, args, output, status, frames, sim_args=()):
+        sim = self.start_sim(args=sim_args)
+        self.check(sim, args, output, status)
+        report_file = self.path("memcheck.log")
+        got, code = self.tool(sim, *args, wrapper=(*VALGRIND, "--log-file=" + report_file),
+                              timeout=VALGRIND_TIMEOUT)
+        with open(report_file) as f:
+            report = f.read()
+        self.assertNotEqual(code, 99, "memcheck found errors:\n" + report)
+        self.assert_ended_normally(code)
+        self.assertEqual(code, status, report)
+        self.assertEqual(got, output)
+        self.assertIn("ERROR SUMMARY: 0 errors", report)
+        if "All heap blocks were freed" not in report:
+            self.assertIn("definitely lost: 0 bytes", report)
+            self.assertIn("indirectly lost: 0 bytes", report)
+        sim.clients_gone(2)
+        self.assertEqual(sim.frames(), frames * 2)
+
+    def test_list(self):
+        listed = "".join(found(FLEET[name])
+                         for name in ("alpha", "beta", "gamma", "delta", "epsilon"))
+        self.under_memcheck(["--list"], listed, 0, "")
+
+    def test_update_all_with_reboot(self):
+        frames = "".join(frame(msg="upgrade", device=name, filePath=self.path("fw-any.bin"),
+                               override="false") + frame(msg="reboot", device=name)
+                         for name in ("alpha", "beta", "gamma"))
+        self.under_memcheck(["--file=fw-any.bin", "--all", "--reboot"],
+                            job("alpha") + job("beta") + job("gamma"), 0, frames)
+
+    def test_run_cut_short_by_the_service(self):
+        self.under_memcheck(["--file=fw-any.bin", "--all", "--reboot"],
+                            redrawn("alpha", 25, 50), 1, upgrades("alpha")(self),
+                            sim_args=["--close-after=3"])
 
 
 if __name__ == "__main__":
