@@ -1,11 +1,13 @@
-# Front door: `make demo`, `make test`, `make build`.
+# Front door: `make demo`, `make test`, `make build`; also `make bench`,
+# `make test-sanitize`, `make fuzz` and `make fuzz-smoke`.
 BUILD ?= build
 JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
 
-# Debian packages the build and the tests need.
-PACKAGES := g++ cmake make libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev libgmock-dev
+# Debian packages the build, the tests (python3 runs the end-to-end journeys, valgrind
+# the memory checks) and the demo need.
+PACKAGES := g++ cmake make python3 valgrind libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev libgmock-dev
 
-.PHONY: all deps build test clean
+.PHONY: all deps build test demo bench clean build-sanitize test-sanitize fuzz-deps fuzz fuzz-smoke
 
 all: build
 
@@ -36,5 +38,53 @@ build: deps $(BUILD)/CMakeCache.txt
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# The tool against devsim, the simulated service, on port 7071 (DEMO_PORT).
+demo: build
+	bash demo/demo.sh $(BUILD)
+
+bench: build
+	$(BUILD)/bench/devupdate_bench
+
 clean:
-	rm -rf $(BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+
+# Checked build: every target and the whole CTest suite under ASan and UBSan, stopping
+# at the first report.
+ASAN_BUILD ?= build-asan
+SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1
+
+# Configured on every call (cheap when nothing changed), so that the option is always on
+# and folders added since the last call join the build.
+build-sanitize: deps
+	cmake -S . -B $(ASAN_BUILD) -DDEVUPDATE_SANITIZE=ON
+	cmake --build $(ASAN_BUILD) -j $(JOBS)
+
+test-sanitize: build-sanitize
+	cd $(ASAN_BUILD) && $(SANITIZER_ENV) ctest --output-on-failure -j $(JOBS)
+
+# libFuzzer targets, built by clang with the sanitizers; only these targets need clang.
+FUZZ_BUILD    ?= build-fuzz
+FUZZ_PACKAGES := clang libclang-rt-14-dev
+FUZZ_TARGETS  := fuzz_args fuzz_controller
+FUZZ_TIME     ?= 30
+FUZZ_SCRATCH  ?= $(FUZZ_BUILD)/scratch
+
+fuzz-deps:
+	@$(MAKE) --no-print-directory deps EXTRA_PACKAGES="$(FUZZ_PACKAGES)"
+
+fuzz: fuzz-deps
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DDEVUPDATE_SANITIZE=ON -DDEVUPDATE_FUZZ=ON -DBUILD_TESTING=OFF
+	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target $(FUZZ_TARGETS)
+
+# Each target for FUZZ_TIME seconds from its committed seeds, copied to a scratch corpus
+# so that the repository is not touched.
+fuzz-smoke: fuzz
+	@set -e; for t in $(FUZZ_TARGETS:fuzz_%=%); do \
+	  dict=fuzz/protocol.dict; [ $$t = args ] && dict=fuzz/args.dict; \
+	  rm -rf $(FUZZ_SCRATCH)/$$t && mkdir -p $(FUZZ_SCRATCH)/$$t $(FUZZ_SCRATCH)/$$t-crashes; \
+	  cp fuzz/corpus/$$t/* $(FUZZ_SCRATCH)/$$t/; \
+	  echo "fuzz_$$t: $(FUZZ_TIME) s"; \
+	  $(FUZZ_BUILD)/fuzz/fuzz_$$t -max_total_time=$(FUZZ_TIME) -timeout=10 -dict=$$dict \
+	    -artifact_prefix=$(FUZZ_SCRATCH)/$$t-crashes/ -print_final_stats=1 $(FUZZ_SCRATCH)/$$t; \
+	done; \
+	echo "fuzz-smoke: $(words $(FUZZ_TARGETS)) passed, 0 failed"
