@@ -11,15 +11,10 @@ namespace {
 const std::string UPGRADE_STATUS_DONE = "Done";
 const std::string UPGRADE_STATUS_FAIL = "Fail";
 
-const Json::Value& nullValue() {
-    static const Json::Value null;
-    return null;
-}
-
 // The member `key` of an object; null for a missing member or a value that is not
 // an object, so service input of the wrong shape reads as absent.
 const Json::Value& memberOf(const Json::Value& value, const char* key) {
-    return value.isObject() ? value[key] : nullValue();
+    return value.isObject() ? value[key] : Json::Value::nullSingleton();
 }
 
 // A string member, or `fallback` when it is missing or not a string.
