@@ -44,8 +44,8 @@ std::string deviceList(int count) {
                       R"({"ipAddress":"192.168.%d.%d","macAddr":"02:00:01:%02x:%02x:%02x","name":"wlan0"}],)"
                       R"("isSafeModeDevice":false,"serial":"SN-%08d-%s","location":"rack %d, shelf %d"})",
                       i == 0 ? "" : ",", i, i, maker ? "northwind" : "acme", maker ? "Northwind" : "Acme",
-                      maker ? "nw-200" : "ac-100", maker ? "NW 200 Gateway" : "AC 100 Controller", i % 10, i % 10,
-                      i, (i >> 16) & 255, (i >> 8) & 255, i & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255,
+                      maker ? "nw-200" : "ac-100", maker ? "NW 200 Gateway" : "AC 100 Controller", i % 10, i % 10, i,
+                      (i >> 16) & 255, (i >> 8) & 255, i & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255,
                       (i >> 8) & 255, i & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255, i * 7919 % 100000000,
                       maker ? "B" : "A", i % 40, i % 8);
         text += device;

@@ -39,8 +39,7 @@ DeviceMode parseDeviceMode(const std::string& value) {
         return DeviceMode::Safe;
     }
     // The text names 'safemode' although only "safe" is accepted; scripts match on it.
-    throw std::invalid_argument(
-        "Invalid device mode specified. Valid modes are 'normal', 'failsafe', or 'safemode'.");
+    throw std::invalid_argument("Invalid device mode specified. Valid modes are 'normal', 'failsafe', or 'safemode'.");
 }
 
 } // namespace
@@ -97,8 +96,8 @@ std::unique_ptr<ToolConfig> ArgumentParser::parseArguments(int argc, const char*
         config->port = DEFAULT_PORT;
     }
 
-    const bool hasAction = config->listDevices || !config->firmwareFile.empty() ||
-                           config->recoverFailsafe || config->recoverSafe;
+    const bool hasAction =
+        config->listDevices || !config->firmwareFile.empty() || config->recoverFailsafe || config->recoverSafe;
     if (!hasAction) {
         throw std::invalid_argument(
             "One of either --list, --file, --recover-safe or --recover-failsafe must be specified");

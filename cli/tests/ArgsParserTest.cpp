@@ -61,10 +61,15 @@ const std::vector<ParseCase> kCases = {
     {{"--listx"}, Outcome::Usage, "", nullptr},
     {{"--list", "--forced"}, Outcome::Usage, "", nullptr},
     {{"--LIST"}, Outcome::Usage, "", nullptr},
-    {{"--device-mode=SAFE", "--device-mode=Normal", "--device-mode=safe", "--list"}, Outcome::Parsed, "",
-     listOnly([](ToolConfig& c) { c.deviceModes = {DeviceMode::Normal, DeviceMode::Safe}; })},
-    {{"--device-mode=FailSafe", "--list"}, Outcome::Parsed, "",
-     listOnly([](ToolConfig& c) { c.deviceModes = {DeviceMode::Failsafe}; })},
+    {{"--device-mode=SAFE", "--device-mode=Normal", "--device-mode=safe", "--list"},
+     Outcome::Parsed,
+     "",
+     listOnly([](ToolConfig& c) {
+         c.deviceModes = {DeviceMode::Normal, DeviceMode::Safe};
+     })},
+    {{"--device-mode=FailSafe", "--list"}, Outcome::Parsed, "", listOnly([](ToolConfig& c) {
+         c.deviceModes = {DeviceMode::Failsafe};
+     })},
     {{"--device-mode=safemode", "--list"}, Outcome::InvalidArgument, kBadMode, nullptr},
     {{"--device-mode=", "--list"}, Outcome::InvalidArgument, kBadMode, nullptr},
     // Left to right, first failure wins; the action check comes last.
@@ -73,15 +78,20 @@ const std::vector<ParseCase> kCases = {
     {{"--bogus"}, Outcome::Usage, "", nullptr},
     {{"--file=", "--list"}, Outcome::Parsed, "", listOnly()},
     {{"--file="}, Outcome::InvalidArgument, kNoAction, nullptr},
-    {{"--all", "--reboot", "--force", "--long-lived", "--device-name=x"}, Outcome::InvalidArgument, kNoAction,
-     nullptr},
+    {{"--all", "--reboot", "--force", "--long-lived", "--device-name=x"}, Outcome::InvalidArgument, kNoAction, nullptr},
     {{"--file=a.bin", "--file=dir/b.bin"}, Outcome::Parsed, "", [](ToolConfig& c) { c.firmwareFile = "dir/b.bin"; }},
     {{"--recover-safe="}, Outcome::Parsed, "", [](ToolConfig& c) { c.recoverSafe = true; }},
-    {{"--recover-safe=img.bin"}, Outcome::Parsed, "", [](ToolConfig& c) {
+    {{"--recover-safe=img.bin"},
+     Outcome::Parsed,
+     "",
+     [](ToolConfig& c) {
          c.recoverSafe = true;
          c.recoverSafeFile = "img.bin";
      }},
-    {{"--recover-safe", "--recover-failsafe"}, Outcome::Parsed, "", [](ToolConfig& c) {
+    {{"--recover-safe", "--recover-failsafe"},
+     Outcome::Parsed,
+     "",
+     [](ToolConfig& c) {
          c.recoverSafe = true;
          c.recoverFailsafe = true;
      }},
@@ -93,7 +103,9 @@ const std::vector<ParseCase> kCases = {
     {{"--port=99999999999", "--list"}, Outcome::OutOfRange, "stoi", nullptr},
     {{"--device-name=A", "--device-name=A", "--device-name=b", "--device-ip=10.0.0.1 ", "--device-mac=AA:bb",
       "--manufacturer=", "--model=x=y", "--list"},
-     Outcome::Parsed, "", listOnly([](ToolConfig& c) {
+     Outcome::Parsed,
+     "",
+     listOnly([](ToolConfig& c) {
          c.deviceNames = {"A", "b"};
          c.deviceIps = {"10.0.0.1 "};
          c.deviceMacs = {"AA:bb"};

@@ -15,7 +15,9 @@ struct ModeCase {
     DeviceMode expected;
 };
 
-void PrintTo(const ModeCase& c, std::ostream* os) { *os << c.device; }
+void PrintTo(const ModeCase& c, std::ostream* os) {
+    *os << c.device;
+}
 
 class EvalDeviceModeTable : public ::testing::TestWithParam<ModeCase> {};
 
@@ -23,22 +25,22 @@ TEST_P(EvalDeviceModeTable, MapsSafeModeFlagAndVersion) {
     EXPECT_EQ(evalDeviceMode(parseJson(GetParam().device)), GetParam().expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Devices, EvalDeviceModeTable,
-                         ::testing::Values(ModeCase{R"({})", DeviceMode::Normal},
-                                           ModeCase{R"("not an object")", DeviceMode::Normal},
-                                           ModeCase{R"({"isSafeModeDevice":false,"safeModeVersion":1})", DeviceMode::Normal},
-                                           ModeCase{R"({"isSafeModeDevice":"true","safeModeVersion":1})", DeviceMode::Normal},
-                                           ModeCase{R"({"isSafeModeDevice":1,"safeModeVersion":1})", DeviceMode::Normal},
-                                           ModeCase{R"({"isSafeModeDevice":true})", DeviceMode::None},
-                                           ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":0})", DeviceMode::None},
-                                           ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":"1"})", DeviceMode::None},
-                                           ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":1.5})", DeviceMode::None},
-                                           ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":4294967297})", DeviceMode::None},
-                                           ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":1})", DeviceMode::Failsafe},
-                                           ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":1.0})", DeviceMode::Failsafe},
-                                           ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":2})", DeviceMode::Safe},
-                                           ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":7})", DeviceMode::Safe},
-                                           ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":-1})", DeviceMode::Safe}));
+INSTANTIATE_TEST_SUITE_P(
+    Devices, EvalDeviceModeTable,
+    ::testing::Values(ModeCase{R"({})", DeviceMode::Normal}, ModeCase{R"("not an object")", DeviceMode::Normal},
+                      ModeCase{R"({"isSafeModeDevice":false,"safeModeVersion":1})", DeviceMode::Normal},
+                      ModeCase{R"({"isSafeModeDevice":"true","safeModeVersion":1})", DeviceMode::Normal},
+                      ModeCase{R"({"isSafeModeDevice":1,"safeModeVersion":1})", DeviceMode::Normal},
+                      ModeCase{R"({"isSafeModeDevice":true})", DeviceMode::None},
+                      ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":0})", DeviceMode::None},
+                      ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":"1"})", DeviceMode::None},
+                      ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":1.5})", DeviceMode::None},
+                      ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":4294967297})", DeviceMode::None},
+                      ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":1})", DeviceMode::Failsafe},
+                      ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":1.0})", DeviceMode::Failsafe},
+                      ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":2})", DeviceMode::Safe},
+                      ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":7})", DeviceMode::Safe},
+                      ModeCase{R"({"isSafeModeDevice":true,"safeModeVersion":-1})", DeviceMode::Safe}));
 
 struct FilterCase {
     std::function<void(ToolConfig&)> filters;
@@ -46,7 +48,9 @@ struct FilterCase {
     bool ignored;
 };
 
-void PrintTo(const FilterCase& c, std::ostream* os) { *os << c.device; }
+void PrintTo(const FilterCase& c, std::ostream* os) {
+    *os << c.device;
+}
 
 // A normal-mode device with two interfaces.
 const char* const kUnit =
@@ -80,7 +84,11 @@ INSTANTIATE_TEST_SUITE_P(
         FilterCase{[](ToolConfig& c) { c.manufacturers = {"4660"}; }, R"({"manufacturer":{"id":4660}})", true},
         FilterCase{[](ToolConfig& c) { c.models = {"Model 8"}; }, kUnit, true},
         FilterCase{[](ToolConfig& c) { c.models = {"M8"}; }, kUnit, false},
-        FilterCase{[](ToolConfig& c) { c.manufacturers = {"acme"}; c.models = {"other"}; }, kUnit, true},
+        FilterCase{[](ToolConfig& c) {
+                       c.manufacturers = {"acme"};
+                       c.models = {"other"};
+                   },
+                   kUnit, true},
         // An empty filter value matches a missing key.
         FilterCase{[](ToolConfig& c) { c.manufacturers = {""}; }, R"({"name":"x"})", false},
         // Case folding is ASCII only.
@@ -92,18 +100,39 @@ INSTANTIATE_TEST_SUITE_P(
         FilterCase{[](ToolConfig& c) { c.deviceIps = {"10.0.0.6"}; }, kUnit, false},
         FilterCase{[](ToolConfig& c) { c.deviceIps = {"010.0.0.5"}; }, kUnit, true},
         FilterCase{[](ToolConfig& c) { c.deviceIps = {"10.0.0.5 "}; }, kUnit, true},
-        FilterCase{[](ToolConfig& c) { c.deviceIps = {"10.0.0.5"}; }, R"({"interfaces":{"ipAddress":"10.0.0.5"}})", true},
+        FilterCase{[](ToolConfig& c) { c.deviceIps = {"10.0.0.5"}; }, R"({"interfaces":{"ipAddress":"10.0.0.5"}})",
+                   true},
         FilterCase{[](ToolConfig& c) { c.deviceIps = {"10.0.0.5"}; }, R"({"interfaces":[null]})", true},
         // MAC addresses fold case only; a later interface does not undo a match.
         FilterCase{[](ToolConfig& c) { c.deviceMacs = {"AA:BB:CC:00:11:22"}; }, kUnit, false},
         FilterCase{[](ToolConfig& c) { c.deviceMacs = {"aa-bb-cc-00-11-22"}; }, kUnit, true},
         FilterCase{[](ToolConfig& c) { c.deviceMacs = {"aabbcc001122"}; }, kUnit, true},
         // Name, IP and MAC are one OR group; the other kinds still AND with it.
-        FilterCase{[](ToolConfig& c) { c.deviceNames = {"other"}; c.deviceIps = {"10.0.0.5"}; }, kUnit, false},
-        FilterCase{[](ToolConfig& c) { c.deviceNames = {"unit-8"}; c.deviceIps = {"1.1.1.1"}; }, R"({"name":"Unit-8"})", false},
-        FilterCase{[](ToolConfig& c) { c.deviceNames = {"other"}; c.deviceMacs = {"ff"}; }, kUnit, true},
-        FilterCase{[](ToolConfig& c) { c.deviceIps = {"10.0.0.5"}; c.models = {"x"}; }, kUnit, true},
-        FilterCase{[](ToolConfig& c) { c.deviceIps = {"10.0.0.5"}; c.deviceModes = {DeviceMode::Failsafe}; }, kUnit, true}));
+        FilterCase{[](ToolConfig& c) {
+                       c.deviceNames = {"other"};
+                       c.deviceIps = {"10.0.0.5"};
+                   },
+                   kUnit, false},
+        FilterCase{[](ToolConfig& c) {
+                       c.deviceNames = {"unit-8"};
+                       c.deviceIps = {"1.1.1.1"};
+                   },
+                   R"({"name":"Unit-8"})", false},
+        FilterCase{[](ToolConfig& c) {
+                       c.deviceNames = {"other"};
+                       c.deviceMacs = {"ff"};
+                   },
+                   kUnit, true},
+        FilterCase{[](ToolConfig& c) {
+                       c.deviceIps = {"10.0.0.5"};
+                       c.models = {"x"};
+                   },
+                   kUnit, true},
+        FilterCase{[](ToolConfig& c) {
+                       c.deviceIps = {"10.0.0.5"};
+                       c.deviceModes = {DeviceMode::Failsafe};
+                   },
+                   kUnit, true}));
 
 TEST(FilterDevice, InterfaceThatIsNotAnObjectRaisesTheLibraryError) {
     ToolConfig config;

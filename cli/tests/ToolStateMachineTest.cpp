@@ -31,15 +31,21 @@ std::string devices(const std::vector<std::string>& list) {
     }
     return R"({"msg":"devices","devices":[)" + joined + "]}";
 }
-std::string added(const std::string& d) { return R"({"msg":"device_added","device":)" + d + "}"; }
-std::string removed(const std::string& d) { return R"({"msg":"device_removed","device":)" + d + "}"; }
+std::string added(const std::string& d) {
+    return R"({"msg":"device_added","device":)" + d + "}";
+}
+std::string removed(const std::string& d) {
+    return R"({"msg":"device_removed","device":)" + d + "}";
+}
 std::string changed(const std::string& from, const std::string& to) {
     return R"({"msg":"device_changed","from":)" + from + R"(,"to":)" + to + "}";
 }
 std::string progress(const std::string& name, const std::string& members) {
     return R"({"msg":"upgrade_progress","device":")" + name + "\"," + members + "}";
 }
-std::string done(const std::string& name) { return progress(name, R"("progress":100,"status":"Done")"); }
+std::string done(const std::string& name) {
+    return progress(name, R"("progress":100,"status":"Done")");
+}
 std::string result(const std::string& name, const std::string& members) {
     return R"({"msg":"upgrade_result","device":")" + name + "\"," + members + "}";
 }
@@ -47,7 +53,9 @@ std::string result(const std::string& name, const std::string& members) {
 std::string upgrade(const std::string& name, const std::string& file = "/fw/a.bin", const char* force = "false") {
     return R"({"device":")" + name + R"(","filePath":")" + file + R"(","msg":"upgrade","override":")" + force + "\"}";
 }
-std::string reboot(const std::string& name) { return R"({"device":")" + name + R"(","msg":"reboot"})"; }
+std::string reboot(const std::string& name) {
+    return R"({"device":")" + name + R"(","msg":"reboot"})";
+}
 std::string recoverSafe(const std::string& name) {
     return R"({"device":")" + name + R"(","msg":"failsafe_recover"})";
 }
@@ -61,7 +69,9 @@ std::string bar(const std::string& name, int percent, const std::string& status 
     return out.str();
 }
 // A redraw, and the last redraw of a job.
-std::string redraw(const std::string& name, int percent) { return "\r" + bar(name, percent); }
+std::string redraw(const std::string& name, int percent) {
+    return "\r" + bar(name, percent);
+}
 std::string last(const std::string& name, int percent, const std::string& status) {
     return "\r" + bar(name, percent, status) + "\n";
 }
@@ -79,7 +89,9 @@ struct Scenario {
     bool disconnected;
 };
 
-void PrintTo(const Scenario& s, std::ostream* os) { *os << s.name; }
+void PrintTo(const Scenario& s, std::ostream* os) {
+    *os << s.name;
+}
 
 std::unique_ptr<ToolConfig> parseArgs(const std::vector<std::string>& args) {
     std::vector<const char*> argv{"devupdate"};
@@ -213,14 +225,19 @@ const Scenario kScenarios[] = {
      {},
      S::Failed,
      true},
-    {"ConnectionLostMidJob", {"--file=/fw/a.bin"}, {kOpen, devices({normal("n1")}), kClose}, bar("n1", 0),
-     {upgrade("n1")}, S::Failed, false},
+    {"ConnectionLostMidJob",
+     {"--file=/fw/a.bin"},
+     {kOpen, devices({normal("n1")}), kClose},
+     bar("n1", 0),
+     {upgrade("n1")},
+     S::Failed,
+     false},
     {"ConnectionLostBeforeTheList", {"--list"}, {kOpen, kClose}, "", {}, S::Failed, false},
     {"RefusedConnection", {"--list"}, {kClose}, "", {}, S::Failed, false},
     {"LongLivedWaitsThenIgnoresTheDeviceUnderWork",
      {"--file=/fw/a.bin", "--long-lived"},
-     {kOpen, "[1,2]", R"({"msg":"hello"})", R"({"nomsg":1})", devices({}), devices({normal("n1")}),
-      added(normal("n1")), removed(normal("n1")), added(normal("n1")), done("n1"), added(normal("n2"))},
+     {kOpen, "[1,2]", R"({"msg":"hello"})", R"({"nomsg":1})", devices({}), devices({normal("n1")}), added(normal("n1")),
+      removed(normal("n1")), added(normal("n1")), done("n1"), added(normal("n2"))},
      bar("n1", 0) + last("n1", 100, "SUCCESS"),
      {upgrade("n1")},
      S::Done,
@@ -262,12 +279,12 @@ INSTANTIATE_TEST_SUITE_P(Controller, Journeys, ::testing::ValuesIn(kScenarios),
 TEST(ToolStateMachine, MakesOnlyBareFileNamesAbsolute) {
     const std::string cwd = std::filesystem::current_path().string();
     const std::pair<std::string, std::string> cases[] = {
-        {"fw.bin", cwd + "/fw.bin"},     {"./fw.bin", cwd + "/fw.bin"}, {"sub/fw.bin", "sub/fw.bin"},
-        {"../fw.bin", "../fw.bin"},      {"/abs/fw.bin", "/abs/fw.bin"},
+        {"fw.bin", cwd + "/fw.bin"}, {"./fw.bin", cwd + "/fw.bin"},  {"sub/fw.bin", "sub/fw.bin"},
+        {"../fw.bin", "../fw.bin"},  {"/abs/fw.bin", "/abs/fw.bin"},
     };
     for (const auto& [typed, sent] : cases) {
         const Played run = play({"--file=" + typed, "--recover-safe=" + typed, "--all"},
-                             {kOpen, devices({normal("n1"), safe("s1")}), done("n1")});
+                                {kOpen, devices({normal("n1"), safe("s1")}), done("n1")});
         ASSERT_EQ(run.client->sent.size(), 2u) << typed;
         EXPECT_EQ(run.client->sent[0], upgrade("n1", sent)) << typed;
         EXPECT_EQ(run.client->sent[1], upgrade("s1", sent)) << typed;

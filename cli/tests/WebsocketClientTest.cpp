@@ -96,9 +96,8 @@ unsigned short unusedPort() {
 }
 
 TEST(WebsocketClient, ReportsOpenThenClosedWhenThePeerCloses) {
-    LocalServer server([](Server& s, websocketpp::connection_hdl hdl) {
-        s.close(hdl, websocketpp::close::status::normal, "");
-    });
+    LocalServer server(
+        [](Server& s, websocketpp::connection_hdl hdl) { s.close(hdl, websocketpp::close::status::normal, ""); });
     WebsocketClient client;
     const Observed seen = runClient(client, server.uri());
     EXPECT_EQ(seen.states, (std::vector<IWebsocketClient::State>{IWebsocketClient::Open, IWebsocketClient::Closed}));
@@ -158,8 +157,9 @@ TEST(WebsocketClient, FramesSentJustBeforeDisconnectArriveCompactWithNewline) {
     });
     // run() returned without a close: no Closed report.
     EXPECT_EQ(seen.states, std::vector<IWebsocketClient::State>{IWebsocketClient::Open});
-    EXPECT_EQ(server.waitForFrames(2), (std::vector<std::string>{"{\"msg\":\"reboot\"}\n",
-                                                                "{\"device\":\"Unit 8\",\"msg\":\"upgrade\",\"override\":\"false\"}\n"}));
+    EXPECT_EQ(server.waitForFrames(2),
+              (std::vector<std::string>{"{\"msg\":\"reboot\"}\n",
+                                        "{\"device\":\"Unit 8\",\"msg\":\"upgrade\",\"override\":\"false\"}\n"}));
 }
 
 TEST(WebsocketClient, SendingBeforeOpenThrowsARuntimeErrorPointer) {

@@ -10,19 +10,21 @@
 
 namespace devsim {
 
-const char* modeWord(Mode mode)
-{
+const char* modeWord(Mode mode) {
     switch (mode) {
-    case Mode::Normal: return "normal";
-    case Mode::Failsafe: return "failsafe";
-    case Mode::Safe: return "safe";
-    case Mode::None: break;
+    case Mode::Normal:
+        return "normal";
+    case Mode::Failsafe:
+        return "failsafe";
+    case Mode::Safe:
+        return "safe";
+    case Mode::None:
+        break;
     }
     return "unknown";
 }
 
-Mode modeOf(const Json::Value& device)
-{
+Mode modeOf(const Json::Value& device) {
     const Json::Value& safe = device["isSafeModeDevice"];
     if (!safe.isBool() || !safe.asBool())
         return Mode::Normal;
@@ -32,39 +34,33 @@ Mode modeOf(const Json::Value& device)
     return version.asInt() == 1 ? Mode::Failsafe : Mode::Safe;
 }
 
-bool equalsIgnoreCase(const std::string& a, const std::string& b)
-{
+bool equalsIgnoreCase(const std::string& a, const std::string& b) {
     if (a.size() != b.size())
         return false;
     for (size_t i = 0; i < a.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(a[i])) !=
-            std::tolower(static_cast<unsigned char>(b[i])))
+        if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(b[i])))
             return false;
     }
     return true;
 }
 
-std::string stringMember(const Json::Value& object, const char* key)
-{
+std::string stringMember(const Json::Value& object, const char* key) {
     if (!object.isObject() || !object.isMember(key) || !object[key].isString())
         return {};
     return object[key].asString();
 }
 
-std::string nestedId(const Json::Value& device, const char* key)
-{
+std::string nestedId(const Json::Value& device, const char* key) {
     return device.isObject() ? stringMember(device[key], "id") : std::string();
 }
 
-std::string deviceVersion(const Json::Value& device)
-{
+std::string deviceVersion(const Json::Value& device) {
     const Json::Value& product = device["product"];
     std::string text = stringMember(product, "version");
     return text.empty() ? stringMember(product, "versionString") : text;
 }
 
-void setDeviceVersion(Json::Value& device, const std::string& version)
-{
+void setDeviceVersion(Json::Value& device, const std::string& version) {
     Json::Value& product = device["product"];
     if (!product.isObject())
         product = Json::Value(Json::objectValue);
@@ -74,8 +70,7 @@ void setDeviceVersion(Json::Value& device, const std::string& version)
         product["versionString"] = version;
 }
 
-std::string bumpVersion(const std::string& version)
-{
+std::string bumpVersion(const std::string& version) {
     // Increment the last run of digits: 2.0.3 -> 2.0.4, 1.9-rc2 -> 1.9-rc3.
     size_t end = version.find_last_of("0123456789");
     if (end == std::string::npos)
@@ -91,8 +86,7 @@ std::string bumpVersion(const std::string& version)
 
 namespace {
 
-int intMember(const Json::Value& sim, const char* key, int fallback, const std::string& where)
-{
+int intMember(const Json::Value& sim, const char* key, int fallback, const std::string& where) {
     if (!sim.isMember(key))
         return fallback;
     if (!sim[key].isInt())
@@ -100,9 +94,7 @@ int intMember(const Json::Value& sim, const char* key, int fallback, const std::
     return sim[key].asInt();
 }
 
-std::string textMember(const Json::Value& sim, const char* key, const std::string& fallback,
-                       const std::string& where)
-{
+std::string textMember(const Json::Value& sim, const char* key, const std::string& fallback, const std::string& where) {
     if (!sim.isMember(key))
         return fallback;
     if (!sim[key].isString())
@@ -110,8 +102,7 @@ std::string textMember(const Json::Value& sim, const char* key, const std::strin
     return sim[key].asString();
 }
 
-Script readScript(const Json::Value& sim, const std::string& where)
-{
+Script readScript(const Json::Value& sim, const std::string& where) {
     Script script;
     script.errorReason = textMember(sim, "errorReason", "Flash write error", where);
     script.errorCode = intMember(sim, "errorCode", 1, where);
@@ -138,8 +129,7 @@ Script readScript(const Json::Value& sim, const std::string& where)
         ++ends;
     }
     if (ends > 1 || (ends == 1 && script.refuse))
-        throw std::runtime_error(where +
-                                 ": give only one of failAt, resultCode/resultAt, stallAt, refuse");
+        throw std::runtime_error(where + ": give only one of failAt, resultCode/resultAt, stallAt, refuse");
     if (script.at < 0 || script.at > 100)
         throw std::runtime_error(where + ": the percent of a scripted end must be 0..100");
     if ((script.end == Script::End::Result || script.refuse) && script.resultCode == 0)
@@ -147,14 +137,13 @@ Script readScript(const Json::Value& sim, const std::string& where)
     return script;
 }
 
-const std::set<std::string> kSimKeys = {
-    "failAt", "errorReason", "errorCode", "resultCode", "resultAt", "desc", "stallAt", "refuse",
-    "recoverVersion", "appearAfterMs", "leaveAfterMs", "changeAfterMs", "changeTo"};
+const std::set<std::string> kSimKeys = {"failAt",       "errorReason",   "errorCode", "resultCode",     "resultAt",
+                                        "desc",         "stallAt",       "refuse",    "recoverVersion", "appearAfterMs",
+                                        "leaveAfterMs", "changeAfterMs", "changeTo"};
 
 } // namespace
 
-void Fleet::add(const Json::Value& entry, const std::string& where)
-{
+void Fleet::add(const Json::Value& entry, const std::string& where) {
     if (!entry.isObject())
         throw std::runtime_error(where + ": a device must be a JSON object");
     if (!entry["name"].isString() || entry["name"].asString().empty())
@@ -194,8 +183,7 @@ void Fleet::add(const Json::Value& entry, const std::string& where)
     devices_.push_back(std::move(device));
 }
 
-Fleet Fleet::fromFile(const std::string& path)
-{
+Fleet Fleet::fromFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in)
         throw std::runtime_error("cannot open fleet file " + path);
@@ -218,10 +206,8 @@ Fleet Fleet::fromFile(const std::string& path)
 namespace {
 
 Json::Value makeDevice(const std::string& id, const std::string& name, const std::string& maker,
-                       const std::string& makerName, const std::string& model,
-                       const std::string& modelName, const std::string& version,
-                       const std::string& ip, const std::string& mac)
-{
+                       const std::string& makerName, const std::string& model, const std::string& modelName,
+                       const std::string& version, const std::string& ip, const std::string& mac) {
     Json::Value device(Json::objectValue);
     device["id"] = id;
     device["name"] = name;
@@ -241,26 +227,20 @@ Json::Value makeDevice(const std::string& id, const std::string& name, const std
 
 } // namespace
 
-Fleet Fleet::builtIn()
-{
+Fleet Fleet::builtIn() {
     Fleet fleet;
-    auto acme = [&](const std::string& id, const std::string& name, const std::string& version,
-                    const std::string& ip, const std::string& mac) {
+    auto acme = [&](const std::string& id, const std::string& name, const std::string& version, const std::string& ip,
+                    const std::string& mac) {
         return makeDevice(id, name, "acme", "Acme", "x100", "X100 Controller", version, ip, mac);
     };
-    auto northwind = [&](const std::string& id, const std::string& name,
-                         const std::string& version, const std::string& ip,
-                         const std::string& mac) {
-        return makeDevice(id, name, "northwind", "Northwind", "nw200", "NW-200 Gateway", version,
-                          ip, mac);
+    auto northwind = [&](const std::string& id, const std::string& name, const std::string& version,
+                         const std::string& ip, const std::string& mac) {
+        return makeDevice(id, name, "northwind", "Northwind", "nw200", "NW-200 Gateway", version, ip, mac);
     };
 
-    fleet.add(acme("AC1000417", "lobby-panel-01", "2.0.3", "192.168.50.11", "00:1b:2c:00:04:17"),
-              "built-in");
-    fleet.add(acme("AC1000418", "lobby-panel-02", "2.0.3", "192.168.50.12", "00:1b:2c:00:04:18"),
-              "built-in");
-    Json::Value gw1 = northwind("NW7731022", "warehouse-gw-01", "4.1.0", "192.168.50.21",
-                                "a4:5e:60:31:10:22");
+    fleet.add(acme("AC1000417", "lobby-panel-01", "2.0.3", "192.168.50.11", "00:1b:2c:00:04:17"), "built-in");
+    fleet.add(acme("AC1000418", "lobby-panel-02", "2.0.3", "192.168.50.12", "00:1b:2c:00:04:18"), "built-in");
+    Json::Value gw1 = northwind("NW7731022", "warehouse-gw-01", "4.1.0", "192.168.50.21", "a4:5e:60:31:10:22");
     gw1["product"]["versionString"] = "4.1.0 (build 5512)";
     Json::Value wifi(Json::objectValue);
     wifi["name"] = "wlan0";
@@ -268,38 +248,30 @@ Fleet Fleet::builtIn()
     wifi["macAddr"] = "a4:5e:60:31:10:23";
     gw1["interfaces"].append(wifi);
     fleet.add(gw1, "built-in");
-    fleet.add(northwind("NW7731023", "warehouse-gw-02", "4.0.9", "192.168.50.22",
-                        "a4:5e:60:31:10:2a"),
-              "built-in");
+    fleet.add(northwind("NW7731023", "warehouse-gw-02", "4.0.9", "192.168.50.22", "a4:5e:60:31:10:2a"), "built-in");
 
-    Json::Value safe = acme("AC1000502", "dock-controller-03", "2.0.1", "192.168.50.31",
-                            "00:1b:2c:00:05:02");
+    Json::Value safe = acme("AC1000502", "dock-controller-03", "2.0.1", "192.168.50.31", "00:1b:2c:00:05:02");
     safe["isSafeModeDevice"] = true;
     safe["safeModeVersion"] = 2;
     safe["product"]["version"] = "safe-2.4";
     fleet.add(safe, "built-in");
 
-    Json::Value failsafe = northwind("NW7730990", "yard-gw-07", "", "192.168.50.41",
-                                     "a4:5e:60:30:99:0c");
+    Json::Value failsafe = northwind("NW7730990", "yard-gw-07", "", "192.168.50.41", "a4:5e:60:30:99:0c");
     failsafe["isSafeModeDevice"] = true;
     failsafe["safeModeVersion"] = 1;
     fleet.add(failsafe, "built-in");
 
     // Claims safe mode without saying which one.
-    Json::Value unknown = acme("AC1000533", "lab-unit-09", "", "192.168.50.51",
-                               "00:1b:2c:00:05:33");
+    Json::Value unknown = acme("AC1000533", "lab-unit-09", "", "192.168.50.51", "00:1b:2c:00:05:33");
     unknown["isSafeModeDevice"] = true;
     fleet.add(unknown, "built-in");
 
     for (Device& device : fleet.devices_)
-        device.recoverVersion = equalsIgnoreCase(nestedId(device.object, "manufacturer"), "acme")
-                                    ? "2.0.0"
-                                    : "4.0.0";
+        device.recoverVersion = equalsIgnoreCase(nestedId(device.object, "manufacturer"), "acme") ? "2.0.0" : "4.0.0";
     return fleet;
 }
 
-Fleet Fleet::generated(unsigned count)
-{
+Fleet Fleet::generated(unsigned count) {
     Fleet fleet;
     fleet.devices_.reserve(count);
     char name[32], ip[32], mac[32], id[32];
@@ -307,21 +279,17 @@ Fleet Fleet::generated(unsigned count)
         std::snprintf(name, sizeof name, "node-%05u", i + 1);
         std::snprintf(id, sizeof id, "GN%07u", i + 1);
         std::snprintf(ip, sizeof ip, "10.%u.%u.%u", (i >> 16) & 0xff, (i >> 8) & 0xff, i & 0xff);
-        std::snprintf(mac, sizeof mac, "02:00:00:%02x:%02x:%02x", (i >> 16) & 0xff,
-                      (i >> 8) & 0xff, i & 0xff);
+        std::snprintf(mac, sizeof mac, "02:00:00:%02x:%02x:%02x", (i >> 16) & 0xff, (i >> 8) & 0xff, i & 0xff);
         Device device;
-        device.object = (i % 2 == 0)
-                            ? makeDevice(id, name, "acme", "Acme", "x100", "X100 Controller",
-                                         "2.0.3", ip, mac)
-                            : makeDevice(id, name, "northwind", "Northwind", "nw200",
-                                         "NW-200 Gateway", "4.1.0", ip, mac);
+        device.object =
+            (i % 2 == 0) ? makeDevice(id, name, "acme", "Acme", "x100", "X100 Controller", "2.0.3", ip, mac)
+                         : makeDevice(id, name, "northwind", "Northwind", "nw200", "NW-200 Gateway", "4.1.0", ip, mac);
         fleet.devices_.push_back(std::move(device));
     }
     return fleet;
 }
 
-Device* Fleet::find(const std::string& name)
-{
+Device* Fleet::find(const std::string& name) {
     for (Device& device : devices_) {
         if (!device.hidden && device.object["name"].asString() == name)
             return &device;
@@ -329,8 +297,7 @@ Device* Fleet::find(const std::string& name)
     return nullptr;
 }
 
-Device* Fleet::findByNameOrMac(const std::string& key)
-{
+Device* Fleet::findByNameOrMac(const std::string& key) {
     if (Device* device = find(key))
         return device;
     for (Device& device : devices_) {
@@ -347,16 +314,14 @@ Device* Fleet::findByNameOrMac(const std::string& key)
     return nullptr;
 }
 
-size_t Fleet::visibleCount() const
-{
+size_t Fleet::visibleCount() const {
     size_t count = 0;
     for (const Device& device : devices_)
         count += device.hidden ? 0 : 1;
     return count;
 }
 
-bool readImage(const std::string& path, ImageInfo& info, std::string& error)
-{
+bool readImage(const std::string& path, ImageInfo& info, std::string& error) {
     std::error_code ec;
     if (!std::filesystem::is_regular_file(path, ec)) {
         error = "Cannot read firmware file " + path;

@@ -32,14 +32,14 @@ struct Script {
 };
 
 struct Device {
-    Json::Value object;       // as sent on the wire (no "sim" member)
+    Json::Value object; // as sent on the wire (no "sim" member)
     Script script;
     std::string recoverVersion = "1.0.0";
-    bool hidden = false;      // not announced yet (appearAfterMs)
+    bool hidden = false; // not announced yet (appearAfterMs)
     long appearAfterMs = -1;
     long leaveAfterMs = -1;
     long changeAfterMs = -1;
-    Json::Value changeTo;     // members merged into the object at changeAfterMs
+    Json::Value changeTo; // members merged into the object at changeAfterMs
 };
 
 class Fleet {

@@ -21,16 +21,14 @@ enum ErrorCode {
     kBadRequest = 7,
 };
 
-std::string toText(const Json::Value& value)
-{
+std::string toText(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     builder["emitUTF8"] = true;
     return Json::writeString(builder, value);
 }
 
-std::string oneLine(const std::string& text)
-{
+std::string oneLine(const std::string& text) {
     std::string line;
     for (char c : text) {
         bool blank = c == '\n' || c == ' ';
@@ -44,16 +42,14 @@ std::string oneLine(const std::string& text)
     return line;
 }
 
-std::string orAny(const std::string& id)
-{
+std::string orAny(const std::string& id) {
     return id.empty() ? "any" : id;
 }
 
 } // namespace
 
 Service::Service(asio::io_context& io, const Options& options, Fleet fleet)
-    : io_(io), options_(options), fleet_(std::move(fleet))
-{
+    : io_(io), options_(options), fleet_(std::move(fleet)) {
     server_.clear_access_channels(websocketpp::log::alevel::all);
     // Peers that vanish without a close handshake are routine here and the
     // library reports each as a write or read error; our own log already says
@@ -66,14 +62,12 @@ Service::Service(asio::io_context& io, const Options& options, Fleet fleet)
     // algorithm holds each one back until the peer's delayed ACK.
     server_.set_tcp_post_init_handler([this](Hdl hdl) {
         std::error_code ignored;
-        server_.get_con_from_hdl(hdl)->get_socket().set_option(asio::ip::tcp::no_delay(true),
-                                                               ignored);
+        server_.get_con_from_hdl(hdl)->get_socket().set_option(asio::ip::tcp::no_delay(true), ignored);
     });
     server_.set_open_handler([this](Hdl hdl) { onOpen(hdl); });
     server_.set_close_handler([this](Hdl hdl) { onClose(hdl); });
     server_.set_fail_handler([this](Hdl hdl) { onFail(hdl); });
-    server_.set_message_handler(
-        [this](Hdl hdl, Server::message_ptr message) { onMessage(hdl, message); });
+    server_.set_message_handler([this](Hdl hdl, Server::message_ptr message) { onMessage(hdl, message); });
 
     if (!options_.recordFile.empty()) {
         record_.open(options_.recordFile, std::ios::binary | std::ios::app);
@@ -82,28 +76,23 @@ Service::Service(asio::io_context& io, const Options& options, Fleet fleet)
     }
 }
 
-unsigned Service::start()
-{
+unsigned Service::start() {
     std::error_code ec;
-    asio::ip::tcp::endpoint endpoint(asio::ip::make_address("127.0.0.1"),
-                                     static_cast<unsigned short>(options_.port));
+    asio::ip::tcp::endpoint endpoint(asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(options_.port));
     server_.listen(endpoint, ec);
     if (!ec)
         server_.start_accept(ec);
     if (ec)
-        throw std::runtime_error("cannot listen on 127.0.0.1:" + std::to_string(options_.port) +
-                                 ": " + ec.message());
+        throw std::runtime_error("cannot listen on 127.0.0.1:" + std::to_string(options_.port) + ": " + ec.message());
     asio::error_code local;
     unsigned port = server_.get_local_endpoint(local).port();
     devicesText();
-    log("serving " + std::to_string(fleet_.visibleCount()) + " devices, tick " +
-        std::to_string(options_.tickMs) + " ms, " + std::to_string(options_.progressSteps) +
-        " progress steps");
+    log("serving " + std::to_string(fleet_.visibleCount()) + " devices, tick " + std::to_string(options_.tickMs) +
+        " ms, " + std::to_string(options_.progressSteps) + " progress steps");
     return port;
 }
 
-void Service::stop(std::function<void()> drained)
-{
+void Service::stop(std::function<void()> drained) {
     if (stopped_)
         return;
     stopped_ = true;
@@ -119,26 +108,22 @@ void Service::stop(std::function<void()> drained)
     for (auto& timer : timeline_)
         timer->cancel();
     for (auto& entry : clients_) {
-        server_.close(entry.first, websocketpp::close::status::going_away, "service stopping",
-                      ec);
+        server_.close(entry.first, websocketpp::close::status::going_away, "service stopping", ec);
     }
     if (clients_.empty() && drained_)
         drained_();
 }
 
-void Service::log(const std::string& line) const
-{
+void Service::log(const std::string& line) const {
     std::cerr << "devsim: " << line << std::endl;
 }
 
-Service::Client* Service::clientOf(Hdl hdl)
-{
+Service::Client* Service::clientOf(Hdl hdl) {
     auto it = clients_.find(hdl);
     return it == clients_.end() ? nullptr : &it->second;
 }
 
-void Service::onOpen(Hdl hdl)
-{
+void Service::onOpen(Hdl hdl) {
     Client client;
     client.id = nextClientId_++;
     client.peer = server_.get_con_from_hdl(hdl)->get_remote_endpoint();
@@ -151,8 +136,7 @@ void Service::onOpen(Hdl hdl)
     sendText(hdl, devicesText());
 }
 
-const std::string& Service::devicesText()
-{
+const std::string& Service::devicesText() {
     // Serialising a large fleet takes a while; do it once per change.
     // Written piece by piece rather than through one big Json::Value, which
     // would copy every device first; members in the writer's sorted order.
@@ -178,8 +162,7 @@ const std::string& Service::devicesText()
     return devicesText_;
 }
 
-void Service::onClose(Hdl hdl)
-{
+void Service::onClose(Hdl hdl) {
     Client* client = clientOf(hdl);
     if (!client)
         return;
@@ -193,23 +176,21 @@ void Service::onClose(Hdl hdl)
         how = "closed by devsim with code " + std::to_string(con->get_local_close_code());
     else
         how = "dropped without closing: " + con->get_ec().message();
-    log("client " + std::to_string(client->id) + " gone (" + how + ") after " +
-        std::to_string(client->sent) + " messages");
+    log("client " + std::to_string(client->id) + " gone (" + how + ") after " + std::to_string(client->sent) +
+        " messages");
     clients_.erase(hdl);
     if (stopped_ && clients_.empty() && drained_)
         drained_();
 }
 
-void Service::onFail(Hdl hdl)
-{
+void Service::onFail(Hdl hdl) {
     auto con = server_.get_con_from_hdl(hdl);
     if (stopped_)
         return; // the pending accept, cancelled by stop()
     log("connection from " + con->get_remote_endpoint() + " failed: " + con->get_ec().message());
 }
 
-void Service::onMessage(Hdl hdl, Server::message_ptr message)
-{
+void Service::onMessage(Hdl hdl, Server::message_ptr message) {
     Client* client = clientOf(hdl);
     if (!client)
         return;
@@ -247,11 +228,8 @@ void Service::onMessage(Hdl hdl, Server::message_ptr message)
         log(who + "ignoring unknown request \"" + type + "\"");
 }
 
-void Service::refuse(Hdl hdl, Client& client, const std::string& device, int code,
-                     const std::string& desc)
-{
-    log("client " + std::to_string(client.id) + ": refused (" + std::to_string(code) + "): " +
-        desc);
+void Service::refuse(Hdl hdl, Client& client, const std::string& device, int code, const std::string& desc) {
+    log("client " + std::to_string(client.id) + ": refused (" + std::to_string(code) + "): " + desc);
     Json::Value result(Json::objectValue);
     result["msg"] = "upgrade_result";
     result["device"] = device;
@@ -260,17 +238,14 @@ void Service::refuse(Hdl hdl, Client& client, const std::string& device, int cod
     send(hdl, result);
 }
 
-void Service::handleUpgrade(Hdl hdl, Client& client, const Json::Value& request)
-{
+void Service::handleUpgrade(Hdl hdl, Client& client, const Json::Value& request) {
     std::string name = stringMember(request, "device");
     std::string path = stringMember(request, "filePath");
     const Json::Value& overrideValue = request["override"];
     bool force = overrideValue.isString() && overrideValue.asString() == "true";
-    log("client " + std::to_string(client.id) + ": upgrade " + name + " with " + path +
-        (force ? " (override)" : ""));
+    log("client " + std::to_string(client.id) + ": upgrade " + name + " with " + path + (force ? " (override)" : ""));
     if (!overrideValue.isNull() && !overrideValue.isString())
-        log("client " + std::to_string(client.id) +
-            ": \"override\" is not a string, taken as \"false\"");
+        log("client " + std::to_string(client.id) + ": \"override\" is not a string, taken as \"false\"");
 
     if (name.empty())
         return refuse(hdl, client, name, kBadRequest, "Request names no device");
@@ -282,8 +257,7 @@ void Service::handleUpgrade(Hdl hdl, Client& client, const Json::Value& request)
     Mode mode = modeOf(device->object);
     if (mode == Mode::Failsafe || mode == Mode::None)
         return refuse(hdl, client, name, kWrongMode,
-                      "Device " + name + " is in " + modeWord(mode) +
-                          " mode and cannot take an image");
+                      "Device " + name + " is in " + modeWord(mode) + " mode and cannot take an image");
     if (path.empty())
         return refuse(hdl, client, name, kBadRequest, "Request names no firmware file");
 
@@ -295,8 +269,8 @@ void Service::handleUpgrade(Hdl hdl, Client& client, const Json::Value& request)
     std::string model = nestedId(device->object, "product");
     if ((!image.manufacturer.empty() && !equalsIgnoreCase(image.manufacturer, maker)) ||
         (!image.model.empty() && !equalsIgnoreCase(image.model, model))) {
-        std::string what = "Image is for " + orAny(image.manufacturer) + "/" +
-                           orAny(image.model) + " but " + name + " is " + maker + "/" + model;
+        std::string what = "Image is for " + orAny(image.manufacturer) + "/" + orAny(image.model) + " but " + name +
+                           " is " + maker + "/" + model;
         if (!force)
             return refuse(hdl, client, name, kImageMismatch, what);
         log("client " + std::to_string(client.id) + ": " + what + "; flashing it anyway");
@@ -306,8 +280,7 @@ void Service::handleUpgrade(Hdl hdl, Client& client, const Json::Value& request)
 
     std::string version = image.version;
     if (version.empty())
-        version = mode == Mode::Safe ? device->recoverVersion
-                                     : bumpVersion(deviceVersion(device->object));
+        version = mode == Mode::Safe ? device->recoverVersion : bumpVersion(deviceVersion(device->object));
     Json::Value after = device->object;
     after.removeMember("isSafeModeDevice");
     after.removeMember("safeModeVersion");
@@ -315,8 +288,7 @@ void Service::handleUpgrade(Hdl hdl, Client& client, const Json::Value& request)
     startJob(hdl, client, *device, std::move(after), false);
 }
 
-void Service::handleRecover(Hdl hdl, Client& client, const Json::Value& request)
-{
+void Service::handleRecover(Hdl hdl, Client& client, const Json::Value& request) {
     // Safe-mode devices are named under "device", failsafe ones under
     // "macaddr"; either may hold the name or an interface's MAC address.
     std::string key = stringMember(request, "device");
@@ -333,8 +305,7 @@ void Service::handleRecover(Hdl hdl, Client& client, const Json::Value& request)
         return refuse(hdl, client, key, kBusy, "Device " + name + " is busy with another job");
     const Json::Value& safe = device->object["isSafeModeDevice"];
     if (!safe.isBool() || !safe.asBool())
-        return refuse(hdl, client, key, kWrongMode,
-                      "Device " + name + " is not in safe or failsafe mode");
+        return refuse(hdl, client, key, kWrongMode, "Device " + name + " is not in safe or failsafe mode");
     if (device->script.refuse)
         return refuse(hdl, client, key, device->script.resultCode, device->script.desc);
 
@@ -345,8 +316,7 @@ void Service::handleRecover(Hdl hdl, Client& client, const Json::Value& request)
     startJob(hdl, client, *device, std::move(after), true);
 }
 
-void Service::handleReboot(Client& client, const Json::Value& request)
-{
+void Service::handleReboot(Client& client, const Json::Value& request) {
     std::string name = stringMember(request, "device");
     std::string who = "client " + std::to_string(client.id) + ": ";
     Device* device = name.empty() ? nullptr : fleet_.find(name);
@@ -363,9 +333,7 @@ void Service::handleReboot(Client& client, const Json::Value& request)
     broadcast(message);
 }
 
-void Service::startJob(Hdl hdl, Client& client, Device& device, Json::Value after,
-                       bool recovery)
-{
+void Service::startJob(Hdl hdl, Client& client, Device& device, Json::Value after, bool recovery) {
     auto job = std::make_shared<Job>();
     job->device = device.object["name"].asString();
     job->client = hdl;
@@ -374,13 +342,12 @@ void Service::startJob(Hdl hdl, Client& client, Device& device, Json::Value afte
     job->after = std::move(after);
     job->script = device.script;
     jobs_[job->device] = job;
-    log("client " + std::to_string(client.id) + ": " + (recovery ? "recovery" : "upgrade") +
-        " of " + job->device + " started");
+    log("client " + std::to_string(client.id) + ": " + (recovery ? "recovery" : "upgrade") + " of " + job->device +
+        " started");
     schedule(job);
 }
 
-void Service::schedule(const std::shared_ptr<Job>& job)
-{
+void Service::schedule(const std::shared_ptr<Job>& job) {
     if (options_.tickMs == 0) {
         asio::post(io_, [this, job] { advance(job); });
         return;
@@ -394,8 +361,7 @@ void Service::schedule(const std::shared_ptr<Job>& job)
     });
 }
 
-void Service::sendProgress(const Job& job, int percent, const std::string& status)
-{
+void Service::sendProgress(const Job& job, int percent, const std::string& status) {
     Json::Value message(Json::objectValue);
     message["msg"] = "upgrade_progress";
     message["device"] = job.device;
@@ -404,16 +370,13 @@ void Service::sendProgress(const Job& job, int percent, const std::string& statu
     send(job.client, message);
 }
 
-void Service::advance(const std::shared_ptr<Job>& job)
-{
+void Service::advance(const std::shared_ptr<Job>& job) {
     auto it = jobs_.find(job->device);
     if (stopped_ || it == jobs_.end() || it->second != job)
         return;
     unsigned steps = std::max(1u, options_.progressSteps);
     ++job->step;
-    int percent = job->step >= steps
-                      ? 100
-                      : static_cast<int>(static_cast<unsigned long long>(job->step) * 100 / steps);
+    int percent = job->step >= steps ? 100 : static_cast<int>(static_cast<unsigned long long>(job->step) * 100 / steps);
     const Script& script = job->script;
 
     if (script.end != Script::End::Done && percent >= script.at) {
@@ -421,8 +384,7 @@ void Service::advance(const std::shared_ptr<Job>& job)
         if (script.end == Script::End::Stall) {
             // The job never ends; the device stays busy.
             sendProgress(*job, script.at, job->recovery ? "Recovering" : "Transferring");
-            log(prefix + "job on " + job->device + " stalls at " + std::to_string(script.at) +
-                "%");
+            log(prefix + "job on " + job->device + " stalls at " + std::to_string(script.at) + "%");
             return;
         }
         jobs_.erase(it);
@@ -440,21 +402,19 @@ void Service::advance(const std::shared_ptr<Job>& job)
             message["msg"] = "upgrade_result";
             message["zor_error_t"] = script.resultCode;
             message["desc"] = script.desc;
-            log(prefix + "job on " + job->device + " ends with result " +
-                std::to_string(script.resultCode) + ": " + script.desc);
+            log(prefix + "job on " + job->device + " ends with result " + std::to_string(script.resultCode) + ": " +
+                script.desc);
         }
         send(job->client, message);
         return;
     }
     if (job->step >= steps)
         return finishJob(job);
-    sendProgress(*job, percent,
-                 job->recovery ? "Recovering" : (percent < 50 ? "Transferring" : "Flashing"));
+    sendProgress(*job, percent, job->recovery ? "Recovering" : (percent < 50 ? "Transferring" : "Flashing"));
     schedule(job);
 }
 
-void Service::finishJob(const std::shared_ptr<Job>& job)
-{
+void Service::finishJob(const std::shared_ptr<Job>& job) {
     jobs_.erase(job->device);
     // The device restarts into its new firmware before the job is reported
     // done, so clients see it leave and come back while the job is still
@@ -471,17 +431,15 @@ void Service::finishJob(const std::shared_ptr<Job>& job)
         broadcast(message);
     }
     sendProgress(*job, 100, "Done");
-    log("client " + std::to_string(job->clientId) + ": job on " + job->device +
-        " done, now at version " + deviceVersion(job->after));
+    log("client " + std::to_string(job->clientId) + ": job on " + job->device + " done, now at version " +
+        deviceVersion(job->after));
 }
 
-void Service::send(Hdl hdl, const Json::Value& message)
-{
+void Service::send(Hdl hdl, const Json::Value& message) {
     sendText(hdl, toText(message));
 }
 
-void Service::broadcast(const Json::Value& message)
-{
+void Service::broadcast(const Json::Value& message) {
     std::string text = toText(message);
     std::vector<Hdl> targets;
     for (auto& entry : clients_)
@@ -490,15 +448,12 @@ void Service::broadcast(const Json::Value& message)
         sendText(hdl, text);
 }
 
-void Service::sendText(Hdl hdl, const std::string& text)
-{
+void Service::sendText(Hdl hdl, const std::string& text) {
     Client* client = clientOf(hdl);
     if (!client || client->muted || client->closing)
         return;
     std::error_code ec;
-    server_.send(hdl, text,
-                 options_.binary ? websocketpp::frame::opcode::binary
-                                 : websocketpp::frame::opcode::text,
+    server_.send(hdl, text, options_.binary ? websocketpp::frame::opcode::binary : websocketpp::frame::opcode::text,
                  ec);
     if (ec) {
         log("client " + std::to_string(client->id) + ": send failed: " + ec.message());
@@ -508,12 +463,10 @@ void Service::sendText(Hdl hdl, const std::string& text)
     applyFaults(hdl, *client);
 }
 
-void Service::applyFaults(Hdl hdl, Client& client)
-{
+void Service::applyFaults(Hdl hdl, Client& client) {
     std::string who = "client " + std::to_string(client.id) + ": ";
     auto reached = [&](long limit) { return limit >= 0 && client.sent >= limit; };
-    auto opcode = options_.binary ? websocketpp::frame::opcode::binary
-                                  : websocketpp::frame::opcode::text;
+    auto opcode = options_.binary ? websocketpp::frame::opcode::binary : websocketpp::frame::opcode::text;
     std::error_code ec;
     if (reached(options_.garbageAfter) && !client.garbageDone) {
         client.garbageDone = true;
@@ -540,8 +493,7 @@ void Service::applyFaults(Hdl hdl, Client& client)
     }
 }
 
-void Service::after(long ms, std::function<void()> action)
-{
+void Service::after(long ms, std::function<void()> action) {
     auto timer = std::make_unique<asio::steady_timer>(io_);
     timer->expires_after(std::chrono::milliseconds(ms));
     timer->async_wait([this, action](const asio::error_code& ec) {
@@ -551,8 +503,7 @@ void Service::after(long ms, std::function<void()> action)
     timeline_.push_back(std::move(timer));
 }
 
-void Service::startTimeline()
-{
+void Service::startTimeline() {
     // Scripted arrivals, departures and changes count from the first client,
     // so a test that connects late still sees all of them.
     if (timelineStarted_)

@@ -81,8 +81,7 @@ private:
     void advance(const std::shared_ptr<Job>& job);
     void finishJob(const std::shared_ptr<Job>& job);
 
-    void refuse(Hdl hdl, Client& client, const std::string& device, int code,
-                const std::string& desc);
+    void refuse(Hdl hdl, Client& client, const std::string& device, int code, const std::string& desc);
     void sendProgress(const Job& job, int percent, const std::string& status);
 
     void send(Hdl hdl, const Json::Value& message);

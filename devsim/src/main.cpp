@@ -9,32 +9,30 @@
 
 namespace {
 
-const char* const kUsage =
-    "Usage: devsim [options]\n"
-    "\n"
-    "A simulated device update service on ws://127.0.0.1:<port>.\n"
-    "\n"
-    "Options:\n"
-    "  --port=N              Port to listen on (default 7070; 0 picks a free one)\n"
-    "  --fleet=FILE          Devices to serve, from a JSON file (default: built-in fleet)\n"
-    "  --generate-fleet=N    Serve N synthetic normal-mode devices instead\n"
-    "  --tick-ms=N           Milliseconds between progress events (default 200; 0 = no pause)\n"
-    "  --progress-steps=N    Progress events per job, the last being Done (default 10)\n"
-    "  --record=FILE         Append every frame received from any client to FILE, verbatim\n"
-    "  --help, -h            Show this text\n"
-    "\n"
-    "Faults, counted per client in protocol messages sent to it:\n"
-    "  --close-after=N       Close the connection after N messages\n"
-    "  --garbage-after=N     After N messages, send one frame \"this is not json\"\n"
-    "  --mute-after=N        After N messages, send nothing more and ignore requests\n"
-    "  --oversize-after=N    After N messages, send one frame of about 33 MB\n"
-    "  --binary              Send every message as a binary frame\n"
-    "\n"
-    "Prints \"devsim listening on 127.0.0.1:<port>\" once ready; logs to stderr.\n"
-    "SIGINT or SIGTERM stops it.\n";
+const char* const kUsage = "Usage: devsim [options]\n"
+                           "\n"
+                           "A simulated device update service on ws://127.0.0.1:<port>.\n"
+                           "\n"
+                           "Options:\n"
+                           "  --port=N              Port to listen on (default 7070; 0 picks a free one)\n"
+                           "  --fleet=FILE          Devices to serve, from a JSON file (default: built-in fleet)\n"
+                           "  --generate-fleet=N    Serve N synthetic normal-mode devices instead\n"
+                           "  --tick-ms=N           Milliseconds between progress events (default 200; 0 = no pause)\n"
+                           "  --progress-steps=N    Progress events per job, the last being Done (default 10)\n"
+                           "  --record=FILE         Append every frame received from any client to FILE, verbatim\n"
+                           "  --help, -h            Show this text\n"
+                           "\n"
+                           "Faults, counted per client in protocol messages sent to it:\n"
+                           "  --close-after=N       Close the connection after N messages\n"
+                           "  --garbage-after=N     After N messages, send one frame \"this is not json\"\n"
+                           "  --mute-after=N        After N messages, send nothing more and ignore requests\n"
+                           "  --oversize-after=N    After N messages, send one frame of about 33 MB\n"
+                           "  --binary              Send every message as a binary frame\n"
+                           "\n"
+                           "Prints \"devsim listening on 127.0.0.1:<port>\" once ready; logs to stderr.\n"
+                           "SIGINT or SIGTERM stops it.\n";
 
-bool takeValue(const std::string& arg, const std::string& option, std::string& value)
-{
+bool takeValue(const std::string& arg, const std::string& option, std::string& value) {
     std::string prefix = option + "=";
     if (arg.compare(0, prefix.size(), prefix) != 0)
         return false;
@@ -42,10 +40,9 @@ bool takeValue(const std::string& arg, const std::string& option, std::string& v
     return true;
 }
 
-unsigned long toNumber(const std::string& option, const std::string& text, unsigned long max)
-{
-    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos ||
-        text.size() > 10 || std::stoull(text) > max) {
+unsigned long toNumber(const std::string& option, const std::string& text, unsigned long max) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10 ||
+        std::stoull(text) > max) {
         std::cerr << "devsim: " << option << " needs a whole number up to " << max << "\n";
         std::exit(2);
     }
@@ -54,8 +51,7 @@ unsigned long toNumber(const std::string& option, const std::string& text, unsig
 
 } // namespace
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     devsim::Options options;
     std::string fleetFile;
     long generate = -1;
@@ -91,8 +87,7 @@ int main(int argc, char** argv)
         } else if (takeValue(arg, "--mute-after", value)) {
             options.muteAfter = static_cast<long>(toNumber("--mute-after", value, kMaxCount));
         } else if (takeValue(arg, "--oversize-after", value)) {
-            options.oversizeAfter =
-                static_cast<long>(toNumber("--oversize-after", value, kMaxCount));
+            options.oversizeAfter = static_cast<long>(toNumber("--oversize-after", value, kMaxCount));
         } else {
             std::cerr << "devsim: unknown option " << arg << " (see --help)\n";
             return 2;
@@ -107,10 +102,9 @@ int main(int argc, char** argv)
     std::signal(SIGPIPE, SIG_IGN);
 
     try {
-        devsim::Fleet fleet = !fleetFile.empty()   ? devsim::Fleet::fromFile(fleetFile)
-                              : generate >= 0 ? devsim::Fleet::generated(
-                                                    static_cast<unsigned>(generate))
-                                                : devsim::Fleet::builtIn();
+        devsim::Fleet fleet = !fleetFile.empty() ? devsim::Fleet::fromFile(fleetFile)
+                              : generate >= 0    ? devsim::Fleet::generated(static_cast<unsigned>(generate))
+                                                 : devsim::Fleet::builtIn();
         asio::io_context io;
         devsim::Service service(io, options, std::move(fleet));
         unsigned port = service.start();
