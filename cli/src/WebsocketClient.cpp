@@ -6,7 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
-WebsocketClient::WebsocketClient() : client(), connectionState(Closed), connection() {
+WebsocketClient::WebsocketClient()
+    : client(), connectionState(Closed), connection(), reader(Json::CharReaderBuilder().newCharReader()) {
     client.init_asio();
     using std::placeholders::_1;
     using std::placeholders::_2;
@@ -81,12 +82,21 @@ void WebsocketClient::run() {
 }
 
 void WebsocketClient::onMessageHandler(websocketpp::connection_hdl, Endpoint::message_ptr message) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    const std::string& payload = message->get_payload();
+    receivePayload(message->get_payload());
+}
+
+void WebsocketClient::receivePayload(const std::string& payload) {
     Json::Value value;
     std::string errors;
-    if (!reader->parse(payload.data(), payload.data() + payload.size(), &value, &errors)) {
+    bool parsed = false;
+    try {
+        parsed = reader->parse(payload.data(), payload.data() + payload.size(), &value, &errors);
+    } catch (const Json::Exception& e) {
+        // Nesting deeper than the reader's limit throws instead of failing; to the
+        // service it is just another payload that does not parse.
+        errors = e.what();
+    }
+    if (!parsed) {
         std::cout << "Failed to parse JSON message: " << errors << "\n" << std::flush;
         return;
     }

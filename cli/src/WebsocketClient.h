@@ -92,6 +92,11 @@ public:
     void sendMessage(Json::Value message) override;
     void run() override;
 
+    // The receive step of every incoming frame: parses the payload and hands the value
+    // to the message callback, or reports the parse failure and drops it. Public so
+    // that the fuzz harness drives exactly what the message handler runs.
+    void receivePayload(const std::string& payload);
+
     // Called by the endpoint only.
     void onMessageHandler(websocketpp::connection_hdl hdl, Endpoint::message_ptr message);
     void onOpenHandler(websocketpp::connection_hdl hdl);
@@ -106,4 +111,7 @@ private:
     std::function<void(IWebsocketClient::State)> stateChangeCallback;
     std::function<void(Json::Value)> messageCallback;
     websocketpp::connection_hdl connection;
+    // Built once: a reader resets itself at the start of every parse, and building one
+    // costs more than parsing a small message.
+    std::unique_ptr<Json::CharReader> reader;
 };
