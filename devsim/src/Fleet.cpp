@@ -1,4 +1,4 @@
-#include "Fleet.hpp"
+#include "Fleet.h"
 
 #include <cctype>
 #include <cstdio>
@@ -149,7 +149,7 @@ void Fleet::add(const Json::Value& entry, const std::string& where) {
     if (!entry["name"].isString() || entry["name"].asString().empty())
         throw std::runtime_error(where + ": a device needs a non-empty string \"name\"");
     std::string name = entry["name"].asString();
-    for (const Device& other : devices_) {
+    for (const Device& other : entries) {
         if (other.object["name"].asString() == name)
             throw std::runtime_error(where + ": duplicate device name \"" + name + "\"");
     }
@@ -180,7 +180,7 @@ void Fleet::add(const Json::Value& entry, const std::string& where) {
             device.changeTo = sim["changeTo"];
         }
     }
-    devices_.push_back(std::move(device));
+    entries.push_back(std::move(device));
 }
 
 Fleet Fleet::fromFile(const std::string& path) {
@@ -266,14 +266,14 @@ Fleet Fleet::builtIn() {
     unknown["isSafeModeDevice"] = true;
     fleet.add(unknown, "built-in");
 
-    for (Device& device : fleet.devices_)
+    for (Device& device : fleet.entries)
         device.recoverVersion = equalsIgnoreCase(nestedId(device.object, "manufacturer"), "acme") ? "2.0.0" : "4.0.0";
     return fleet;
 }
 
 Fleet Fleet::generated(unsigned count) {
     Fleet fleet;
-    fleet.devices_.reserve(count);
+    fleet.entries.reserve(count);
     char name[32], ip[32], mac[32], id[32];
     for (unsigned i = 0; i < count; ++i) {
         std::snprintf(name, sizeof name, "node-%05u", i + 1);
@@ -284,13 +284,13 @@ Fleet Fleet::generated(unsigned count) {
         device.object =
             (i % 2 == 0) ? makeDevice(id, name, "acme", "Acme", "x100", "X100 Controller", "2.0.3", ip, mac)
                          : makeDevice(id, name, "northwind", "Northwind", "nw200", "NW-200 Gateway", "4.1.0", ip, mac);
-        fleet.devices_.push_back(std::move(device));
+        fleet.entries.push_back(std::move(device));
     }
     return fleet;
 }
 
 Device* Fleet::find(const std::string& name) {
-    for (Device& device : devices_) {
+    for (Device& device : entries) {
         if (!device.hidden && device.object["name"].asString() == name)
             return &device;
     }
@@ -300,7 +300,7 @@ Device* Fleet::find(const std::string& name) {
 Device* Fleet::findByNameOrMac(const std::string& key) {
     if (Device* device = find(key))
         return device;
-    for (Device& device : devices_) {
+    for (Device& device : entries) {
         if (device.hidden)
             continue;
         const Json::Value& nics = device.object["interfaces"];
@@ -316,7 +316,7 @@ Device* Fleet::findByNameOrMac(const std::string& key) {
 
 size_t Fleet::visibleCount() const {
     size_t count = 0;
-    for (const Device& device : devices_)
+    for (const Device& device : entries)
         count += device.hidden ? 0 : 1;
     return count;
 }

@@ -1,4 +1,4 @@
-#include "Service.hpp"
+#include "Service.h"
 
 #include <algorithm>
 #include <iostream>
@@ -49,69 +49,69 @@ std::string orAny(const std::string& id) {
 } // namespace
 
 Service::Service(asio::io_context& io, const Options& options, Fleet fleet)
-    : io_(io), options_(options), fleet_(std::move(fleet)) {
-    server_.clear_access_channels(websocketpp::log::alevel::all);
+    : io(io), options(options), fleet(std::move(fleet)) {
+    server.clear_access_channels(websocketpp::log::alevel::all);
     // Peers that vanish without a close handshake are routine here and the
     // library reports each as a write or read error; our own log already says
     // how every connection ended.
-    server_.clear_error_channels(websocketpp::log::elevel::all);
-    server_.init_asio(&io_);
-    server_.set_reuse_addr(true);
+    server.clear_error_channels(websocketpp::log::elevel::all);
+    server.init_asio(&io);
+    server.set_reuse_addr(true);
 
     // Progress events are small and come in bursts; without this, Nagle's
     // algorithm holds each one back until the peer's delayed ACK.
-    server_.set_tcp_post_init_handler([this](Hdl hdl) {
+    server.set_tcp_post_init_handler([this](Hdl hdl) {
         std::error_code ignored;
-        server_.get_con_from_hdl(hdl)->get_socket().set_option(asio::ip::tcp::no_delay(true), ignored);
+        server.get_con_from_hdl(hdl)->get_socket().set_option(asio::ip::tcp::no_delay(true), ignored);
     });
-    server_.set_open_handler([this](Hdl hdl) { onOpen(hdl); });
-    server_.set_close_handler([this](Hdl hdl) { onClose(hdl); });
-    server_.set_fail_handler([this](Hdl hdl) { onFail(hdl); });
-    server_.set_message_handler([this](Hdl hdl, Server::message_ptr message) { onMessage(hdl, message); });
+    server.set_open_handler([this](Hdl hdl) { onOpen(hdl); });
+    server.set_close_handler([this](Hdl hdl) { onClose(hdl); });
+    server.set_fail_handler([this](Hdl hdl) { onFail(hdl); });
+    server.set_message_handler([this](Hdl hdl, Server::message_ptr message) { onMessage(hdl, message); });
 
-    if (!options_.recordFile.empty()) {
-        record_.open(options_.recordFile, std::ios::binary | std::ios::app);
-        if (!record_)
-            throw std::runtime_error("cannot open record file " + options_.recordFile);
+    if (!options.recordFile.empty()) {
+        record.open(options.recordFile, std::ios::binary | std::ios::app);
+        if (!record)
+            throw std::runtime_error("cannot open record file " + options.recordFile);
     }
 }
 
 unsigned Service::start() {
     std::error_code ec;
-    asio::ip::tcp::endpoint endpoint(asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(options_.port));
-    server_.listen(endpoint, ec);
+    asio::ip::tcp::endpoint endpoint(asio::ip::make_address("127.0.0.1"), static_cast<unsigned short>(options.port));
+    server.listen(endpoint, ec);
     if (!ec)
-        server_.start_accept(ec);
+        server.start_accept(ec);
     if (ec)
-        throw std::runtime_error("cannot listen on 127.0.0.1:" + std::to_string(options_.port) + ": " + ec.message());
+        throw std::runtime_error("cannot listen on 127.0.0.1:" + std::to_string(options.port) + ": " + ec.message());
     asio::error_code local;
-    unsigned port = server_.get_local_endpoint(local).port();
+    unsigned port = server.get_local_endpoint(local).port();
     devicesText();
-    log("serving " + std::to_string(fleet_.visibleCount()) + " devices, tick " + std::to_string(options_.tickMs) +
-        " ms, " + std::to_string(options_.progressSteps) + " progress steps");
+    log("serving " + std::to_string(fleet.visibleCount()) + " devices, tick " + std::to_string(options.tickMs) +
+        " ms, " + std::to_string(options.progressSteps) + " progress steps");
     return port;
 }
 
-void Service::stop(std::function<void()> drained) {
-    if (stopped_)
+void Service::stop(std::function<void()> whenDrained) {
+    if (stopped)
         return;
-    stopped_ = true;
-    drained_ = std::move(drained);
+    stopped = true;
+    drained = std::move(whenDrained);
     log("stopping");
     std::error_code ec;
-    server_.stop_listening(ec);
-    for (auto& entry : jobs_) {
+    server.stop_listening(ec);
+    for (auto& entry : jobs) {
         if (entry.second->timer)
             entry.second->timer->cancel();
     }
-    jobs_.clear();
-    for (auto& timer : timeline_)
+    jobs.clear();
+    for (auto& timer : timeline)
         timer->cancel();
-    for (auto& entry : clients_) {
-        server_.close(entry.first, websocketpp::close::status::going_away, "service stopping", ec);
+    for (auto& entry : clients) {
+        server.close(entry.first, websocketpp::close::status::going_away, "service stopping", ec);
     }
-    if (clients_.empty() && drained_)
-        drained_();
+    if (clients.empty() && drained)
+        drained();
 }
 
 void Service::log(const std::string& line) const {
@@ -119,15 +119,15 @@ void Service::log(const std::string& line) const {
 }
 
 Service::Client* Service::clientOf(Hdl hdl) {
-    auto it = clients_.find(hdl);
-    return it == clients_.end() ? nullptr : &it->second;
+    auto it = clients.find(hdl);
+    return it == clients.end() ? nullptr : &it->second;
 }
 
 void Service::onOpen(Hdl hdl) {
     Client client;
-    client.id = nextClientId_++;
-    client.peer = server_.get_con_from_hdl(hdl)->get_remote_endpoint();
-    Client& stored = clients_[hdl] = client;
+    client.id = nextClientId++;
+    client.peer = server.get_con_from_hdl(hdl)->get_remote_endpoint();
+    Client& stored = clients[hdl] = client;
     log("client " + std::to_string(stored.id) + " connected from " + stored.peer);
     startTimeline();
 
@@ -140,7 +140,7 @@ const std::string& Service::devicesText() {
     // Serialising a large fleet takes a while; do it once per change.
     // Written piece by piece rather than through one big Json::Value, which
     // would copy every device first; members in the writer's sorted order.
-    if (devicesText_.empty()) {
+    if (devicesCache.empty()) {
         Json::StreamWriterBuilder builder;
         builder["indentation"] = "";
         builder["emitUTF8"] = true;
@@ -148,7 +148,7 @@ const std::string& Service::devicesText() {
         std::ostringstream out;
         out << "{\"devices\":[";
         bool first = true;
-        for (const Device& device : fleet_.devices()) {
+        for (const Device& device : fleet.devices()) {
             if (device.hidden)
                 continue;
             if (!first)
@@ -157,16 +157,16 @@ const std::string& Service::devicesText() {
             writer->write(device.object, &out);
         }
         out << "],\"msg\":\"devices\"}";
-        devicesText_ = out.str();
+        devicesCache = out.str();
     }
-    return devicesText_;
+    return devicesCache;
 }
 
 void Service::onClose(Hdl hdl) {
     Client* client = clientOf(hdl);
     if (!client)
         return;
-    auto con = server_.get_con_from_hdl(hdl);
+    auto con = server.get_con_from_hdl(hdl);
     std::string how;
     if (con->get_remote_close_code() != websocketpp::close::status::no_status &&
         con->get_remote_close_code() != websocketpp::close::status::abnormal_close)
@@ -178,14 +178,14 @@ void Service::onClose(Hdl hdl) {
         how = "dropped without closing: " + con->get_ec().message();
     log("client " + std::to_string(client->id) + " gone (" + how + ") after " + std::to_string(client->sent) +
         " messages");
-    clients_.erase(hdl);
-    if (stopped_ && clients_.empty() && drained_)
-        drained_();
+    clients.erase(hdl);
+    if (stopped && clients.empty() && drained)
+        drained();
 }
 
 void Service::onFail(Hdl hdl) {
-    auto con = server_.get_con_from_hdl(hdl);
-    if (stopped_)
+    auto con = server.get_con_from_hdl(hdl);
+    if (stopped)
         return; // the pending accept, cancelled by stop()
     log("connection from " + con->get_remote_endpoint() + " failed: " + con->get_ec().message());
 }
@@ -195,9 +195,9 @@ void Service::onMessage(Hdl hdl, Server::message_ptr message) {
     if (!client)
         return;
     const std::string& payload = message->get_payload();
-    if (record_.is_open()) {
-        record_.write(payload.data(), static_cast<std::streamsize>(payload.size()));
-        record_.flush();
+    if (record.is_open()) {
+        record.write(payload.data(), static_cast<std::streamsize>(payload.size()));
+        record.flush();
     }
     std::string who = "client " + std::to_string(client->id) + ": ";
     if (client->muted) {
@@ -249,10 +249,10 @@ void Service::handleUpgrade(Hdl hdl, Client& client, const Json::Value& request)
 
     if (name.empty())
         return refuse(hdl, client, name, kBadRequest, "Request names no device");
-    Device* device = fleet_.find(name);
+    Device* device = fleet.find(name);
     if (!device)
         return refuse(hdl, client, name, kUnknownDevice, "Unknown device " + name);
-    if (jobs_.count(name))
+    if (jobs.count(name))
         return refuse(hdl, client, name, kBusy, "Device " + name + " is busy with another job");
     Mode mode = modeOf(device->object);
     if (mode == Mode::Failsafe || mode == Mode::None)
@@ -297,11 +297,11 @@ void Service::handleRecover(Hdl hdl, Client& client, const Json::Value& request)
     log("client " + std::to_string(client.id) + ": failsafe_recover " + key);
     if (key.empty())
         return refuse(hdl, client, key, kBadRequest, "Request names no device");
-    Device* device = fleet_.findByNameOrMac(key);
+    Device* device = fleet.findByNameOrMac(key);
     if (!device)
         return refuse(hdl, client, key, kUnknownDevice, "Unknown device " + key);
     std::string name = device->object["name"].asString();
-    if (jobs_.count(name))
+    if (jobs.count(name))
         return refuse(hdl, client, key, kBusy, "Device " + name + " is busy with another job");
     const Json::Value& safe = device->object["isSafeModeDevice"];
     if (!safe.isBool() || !safe.asBool())
@@ -319,10 +319,10 @@ void Service::handleRecover(Hdl hdl, Client& client, const Json::Value& request)
 void Service::handleReboot(Client& client, const Json::Value& request) {
     std::string name = stringMember(request, "device");
     std::string who = "client " + std::to_string(client.id) + ": ";
-    Device* device = name.empty() ? nullptr : fleet_.find(name);
+    Device* device = name.empty() ? nullptr : fleet.find(name);
     if (!device)
         return log(who + "reboot of unknown device \"" + name + "\" ignored");
-    if (jobs_.count(name))
+    if (jobs.count(name))
         return log(who + "reboot of " + name + " ignored, a job is running on it");
     log(who + "reboot " + name);
     Json::Value message(Json::objectValue);
@@ -341,20 +341,20 @@ void Service::startJob(Hdl hdl, Client& client, Device& device, Json::Value afte
     job->recovery = recovery;
     job->after = std::move(after);
     job->script = device.script;
-    jobs_[job->device] = job;
+    jobs[job->device] = job;
     log("client " + std::to_string(client.id) + ": " + (recovery ? "recovery" : "upgrade") + " of " + job->device +
         " started");
     schedule(job);
 }
 
 void Service::schedule(const std::shared_ptr<Job>& job) {
-    if (options_.tickMs == 0) {
-        asio::post(io_, [this, job] { advance(job); });
+    if (options.tickMs == 0) {
+        asio::post(io, [this, job] { advance(job); });
         return;
     }
     if (!job->timer)
-        job->timer = std::make_unique<asio::steady_timer>(io_);
-    job->timer->expires_after(std::chrono::milliseconds(options_.tickMs));
+        job->timer = std::make_unique<asio::steady_timer>(io);
+    job->timer->expires_after(std::chrono::milliseconds(options.tickMs));
     job->timer->async_wait([this, job](const asio::error_code& ec) {
         if (!ec)
             advance(job);
@@ -371,10 +371,10 @@ void Service::sendProgress(const Job& job, int percent, const std::string& statu
 }
 
 void Service::advance(const std::shared_ptr<Job>& job) {
-    auto it = jobs_.find(job->device);
-    if (stopped_ || it == jobs_.end() || it->second != job)
+    auto it = jobs.find(job->device);
+    if (stopped || it == jobs.end() || it->second != job)
         return;
-    unsigned steps = std::max(1u, options_.progressSteps);
+    unsigned steps = std::max(1u, options.progressSteps);
     ++job->step;
     int percent = job->step >= steps ? 100 : static_cast<int>(static_cast<unsigned long long>(job->step) * 100 / steps);
     const Script& script = job->script;
@@ -387,7 +387,7 @@ void Service::advance(const std::shared_ptr<Job>& job) {
             log(prefix + "job on " + job->device + " stalls at " + std::to_string(script.at) + "%");
             return;
         }
-        jobs_.erase(it);
+        jobs.erase(it);
         Json::Value message(Json::objectValue);
         message["device"] = job->device;
         if (script.end == Script::End::Fail) {
@@ -415,17 +415,17 @@ void Service::advance(const std::shared_ptr<Job>& job) {
 }
 
 void Service::finishJob(const std::shared_ptr<Job>& job) {
-    jobs_.erase(job->device);
+    jobs.erase(job->device);
     // The device restarts into its new firmware before the job is reported
     // done, so clients see it leave and come back while the job is still
     // theirs and can tell that restart from an unrelated one.
-    if (Device* device = fleet_.find(job->device)) {
+    if (Device* device = fleet.find(job->device)) {
         Json::Value message(Json::objectValue);
         message["msg"] = "device_removed";
         message["device"] = device->object;
         broadcast(message);
         device->object = job->after;
-        devicesText_.clear();
+        devicesCache.clear();
         message["msg"] = "device_added";
         message["device"] = device->object;
         broadcast(message);
@@ -442,7 +442,7 @@ void Service::send(Hdl hdl, const Json::Value& message) {
 void Service::broadcast(const Json::Value& message) {
     std::string text = toText(message);
     std::vector<Hdl> targets;
-    for (auto& entry : clients_)
+    for (auto& entry : clients)
         targets.push_back(entry.first);
     for (Hdl& hdl : targets)
         sendText(hdl, text);
@@ -453,8 +453,7 @@ void Service::sendText(Hdl hdl, const std::string& text) {
     if (!client || client->muted || client->closing)
         return;
     std::error_code ec;
-    server_.send(hdl, text, options_.binary ? websocketpp::frame::opcode::binary : websocketpp::frame::opcode::text,
-                 ec);
+    server.send(hdl, text, options.binary ? websocketpp::frame::opcode::binary : websocketpp::frame::opcode::text, ec);
     if (ec) {
         log("client " + std::to_string(client->id) + ": send failed: " + ec.message());
         return;
@@ -466,57 +465,91 @@ void Service::sendText(Hdl hdl, const std::string& text) {
 void Service::applyFaults(Hdl hdl, Client& client) {
     std::string who = "client " + std::to_string(client.id) + ": ";
     auto reached = [&](long limit) { return limit >= 0 && client.sent >= limit; };
-    auto opcode = options_.binary ? websocketpp::frame::opcode::binary : websocketpp::frame::opcode::text;
+    auto opcode = options.binary ? websocketpp::frame::opcode::binary : websocketpp::frame::opcode::text;
     std::error_code ec;
-    if (reached(options_.garbageAfter) && !client.garbageDone) {
+    if (reached(options.garbageAfter) && !client.garbageDone) {
         client.garbageDone = true;
         log(who + "sending a frame that is not JSON");
-        server_.send(hdl, std::string("this is not json"), opcode, ec);
+        server.send(hdl, std::string("this is not json"), opcode, ec);
     }
-    if (reached(options_.oversizeAfter) && !client.oversizeDone) {
+    if (reached(options.notObjectAfter) && !client.notObjectDone) {
+        client.notObjectDone = true;
+        // Valid JSON holding what would be a message, so a client that looks inside
+        // anything but an object shows it.
+        log(who + "sending a JSON frame that is not an object");
+        server.send(hdl, std::string("[{\"devices\":[],\"msg\":\"devices\"}]"), opcode, ec);
+    }
+    if (reached(options.deepAfter) && !client.deepDone) {
+        client.deepDone = true;
+        // One level past the 1,000 that JSON readers commonly allow.
+        log(who + "sending a frame nested 1001 deep");
+        server.send(hdl, std::string(1001, '[') + std::string(1001, ']'), opcode, ec);
+    }
+    if (reached(options.oversizeAfter) && !client.oversizeDone) {
         client.oversizeDone = true;
         // Just over the 32,000,000-byte message limit WebSocket peers commonly use.
         std::string big = "{\"msg\":\"padding\",\"data\":\"";
         big.append(33000000, 'x');
         big += "\"}";
         log(who + "sending an oversized frame of " + std::to_string(big.size()) + " bytes");
-        server_.send(hdl, big, opcode, ec);
+        server.send(hdl, big, opcode, ec);
     }
-    if (reached(options_.muteAfter) && !client.muted) {
+    if (reached(options.muteAfter) && !client.muted) {
         client.muted = true;
         log(who + "muted after " + std::to_string(client.sent) + " messages");
     }
-    if (reached(options_.closeAfter) && !client.closing) {
+    if (reached(options.dropAfter) && !client.closing) {
+        client.closing = true;
+        log(who + "dropping the connection after " + std::to_string(client.sent) + " messages");
+        dropWhenFlushed(hdl);
+    }
+    if (reached(options.closeAfter) && !client.closing) {
         client.closing = true;
         log(who + "closing after " + std::to_string(client.sent) + " messages");
-        server_.close(hdl, websocketpp::close::status::going_away, "closing as asked", ec);
+        server.close(hdl, websocketpp::close::status::going_away, "closing as asked", ec);
     }
 }
 
+void Service::dropWhenFlushed(Hdl hdl) {
+    std::error_code ec;
+    Server::connection_ptr con = server.get_con_from_hdl(hdl, ec);
+    if (!con)
+        return;
+    if (con->get_buffered_amount() > 0) {
+        // Frames sent so far go out first; look again shortly.
+        auto retry = std::make_shared<asio::steady_timer>(io, std::chrono::milliseconds(1));
+        retry->async_wait([this, hdl, retry](const asio::error_code&) { dropWhenFlushed(hdl); });
+        return;
+    }
+    // The socket ends under the library: the peer reads the end of the stream with no
+    // close frame before it, as when a service crashes.
+    con->get_socket().shutdown(asio::ip::tcp::socket::shutdown_both, ec);
+}
+
 void Service::after(long ms, std::function<void()> action) {
-    auto timer = std::make_unique<asio::steady_timer>(io_);
+    auto timer = std::make_unique<asio::steady_timer>(io);
     timer->expires_after(std::chrono::milliseconds(ms));
     timer->async_wait([this, action](const asio::error_code& ec) {
-        if (!ec && !stopped_)
+        if (!ec && !stopped)
             action();
     });
-    timeline_.push_back(std::move(timer));
+    timeline.push_back(std::move(timer));
 }
 
 void Service::startTimeline() {
     // Scripted arrivals, departures and changes count from the first client,
     // so a test that connects late still sees all of them.
-    if (timelineStarted_)
+    if (timelineStarted)
         return;
-    timelineStarted_ = true;
-    std::vector<Device>& devices = fleet_.devices();
+    timelineStarted = true;
+    std::vector<Device>& devices = fleet.devices();
     for (size_t i = 0; i < devices.size(); ++i) {
         Device& device = devices[i];
         if (device.appearAfterMs >= 0) {
             after(device.appearAfterMs, [this, i] {
-                Device& d = fleet_.devices()[i];
+                Device& d = fleet.devices()[i];
                 d.hidden = false;
-                devicesText_.clear();
+                devicesCache.clear();
                 log("device " + d.object["name"].asString() + " appears");
                 Json::Value message(Json::objectValue);
                 message["msg"] = "device_added";
@@ -526,7 +559,7 @@ void Service::startTimeline() {
         }
         if (device.changeAfterMs >= 0) {
             after(device.changeAfterMs, [this, i] {
-                Device& d = fleet_.devices()[i];
+                Device& d = fleet.devices()[i];
                 if (d.hidden)
                     return;
                 Json::Value message(Json::objectValue);
@@ -538,7 +571,7 @@ void Service::startTimeline() {
                     else
                         d.object[key] = d.changeTo[key];
                 }
-                devicesText_.clear();
+                devicesCache.clear();
                 message["to"] = d.object;
                 log("device " + d.object["name"].asString() + " changes");
                 broadcast(message);
@@ -546,7 +579,7 @@ void Service::startTimeline() {
         }
         if (device.leaveAfterMs >= 0) {
             after(device.leaveAfterMs, [this, i] {
-                Device& d = fleet_.devices()[i];
+                Device& d = fleet.devices()[i];
                 if (d.hidden)
                     return;
                 log("device " + d.object["name"].asString() + " leaves");
@@ -555,7 +588,7 @@ void Service::startTimeline() {
                 message["device"] = d.object;
                 broadcast(message);
                 d.hidden = true;
-                devicesText_.clear();
+                devicesCache.clear();
             });
         }
     }

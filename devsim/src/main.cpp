@@ -1,5 +1,5 @@
 // devsim: a stand-in for the local device update service, for tests and demos.
-#include "Service.hpp"
+#include "Service.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -27,6 +27,9 @@ const char* const kUsage = "Usage: devsim [options]\n"
                            "  --garbage-after=N     After N messages, send one frame \"this is not json\"\n"
                            "  --mute-after=N        After N messages, send nothing more and ignore requests\n"
                            "  --oversize-after=N    After N messages, send one frame of about 33 MB\n"
+                           "  --not-object-after=N  After N messages, send one JSON frame that is not an object\n"
+                           "  --deep-after=N        After N messages, send one frame of arrays nested 1001 deep\n"
+                           "  --drop-after=N        After N messages, drop the TCP connection without a close frame\n"
                            "  --binary              Send every message as a binary frame\n"
                            "\n"
                            "Prints \"devsim listening on 127.0.0.1:<port>\" once ready; logs to stderr.\n"
@@ -88,6 +91,12 @@ int main(int argc, char** argv) {
             options.muteAfter = static_cast<long>(toNumber("--mute-after", value, kMaxCount));
         } else if (takeValue(arg, "--oversize-after", value)) {
             options.oversizeAfter = static_cast<long>(toNumber("--oversize-after", value, kMaxCount));
+        } else if (takeValue(arg, "--not-object-after", value)) {
+            options.notObjectAfter = static_cast<long>(toNumber("--not-object-after", value, kMaxCount));
+        } else if (takeValue(arg, "--deep-after", value)) {
+            options.deepAfter = static_cast<long>(toNumber("--deep-after", value, kMaxCount));
+        } else if (takeValue(arg, "--drop-after", value)) {
+            options.dropAfter = static_cast<long>(toNumber("--drop-after", value, kMaxCount));
         } else {
             std::cerr << "devsim: unknown option " << arg << " (see --help)\n";
             return 2;

@@ -2,7 +2,7 @@
 // faults a test can ask for.
 #pragma once
 
-#include "Fleet.hpp"
+#include "Fleet.h"
 
 #include <asio.hpp>
 #include <websocketpp/config/asio_no_tls.hpp>
@@ -28,6 +28,9 @@ struct Options {
     long garbageAfter = -1;
     long muteAfter = -1;
     long oversizeAfter = -1;
+    long notObjectAfter = -1;
+    long deepAfter = -1;
+    long dropAfter = -1;
     bool binary = false;
 };
 
@@ -38,9 +41,9 @@ public:
     // Binds 127.0.0.1:port and starts accepting; returns the bound port.
     // Throws std::runtime_error when the port cannot be bound.
     unsigned start();
-    // Stops accepting, closes every client and ends all jobs; `drained` runs
+    // Stops accepting, closes every client and ends all jobs; `whenDrained` runs
     // once the last client has gone.
-    void stop(std::function<void()> drained);
+    void stop(std::function<void()> whenDrained);
 
 private:
     using Server = websocketpp::server<websocketpp::config::asio>;
@@ -51,9 +54,11 @@ private:
         std::string peer;
         long sent = 0;
         bool muted = false;
-        bool closing = false;
+        bool closing = false; // a close or a drop is under way: nothing more is sent
         bool garbageDone = false;
         bool oversizeDone = false;
+        bool notObjectDone = false;
+        bool deepDone = false;
     };
 
     struct Job {
@@ -88,6 +93,7 @@ private:
     void sendText(Hdl hdl, const std::string& text);
     void broadcast(const Json::Value& message);
     void applyFaults(Hdl hdl, Client& client);
+    void dropWhenFlushed(Hdl hdl);
 
     const std::string& devicesText();
     void startTimeline();
@@ -96,19 +102,19 @@ private:
     Client* clientOf(Hdl hdl);
     void log(const std::string& line) const;
 
-    asio::io_context& io_;
-    Options options_;
-    Fleet fleet_;
-    Server server_;
-    std::map<Hdl, Client, std::owner_less<Hdl>> clients_;
-    std::map<std::string, std::shared_ptr<Job>> jobs_;
-    std::vector<std::unique_ptr<asio::steady_timer>> timeline_;
-    bool timelineStarted_ = false;
-    bool stopped_ = false;
-    std::function<void()> drained_;
-    std::string devicesText_; // the "devices" message, rebuilt after changes
-    int nextClientId_ = 1;
-    std::ofstream record_;
+    asio::io_context& io;
+    Options options;
+    Fleet fleet;
+    Server server;
+    std::map<Hdl, Client, std::owner_less<Hdl>> clients;
+    std::map<std::string, std::shared_ptr<Job>> jobs;
+    std::vector<std::unique_ptr<asio::steady_timer>> timeline;
+    bool timelineStarted = false;
+    bool stopped = false;
+    std::function<void()> drained;
+    std::string devicesCache; // the "devices" message, rebuilt after changes
+    int nextClientId = 1;
+    std::ofstream record;
 };
 
 } // namespace devsim

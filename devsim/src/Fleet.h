@@ -53,12 +53,12 @@ public:
     // Matches a device name or the MAC address of one of its interfaces.
     Device* findByNameOrMac(const std::string& key);
 
-    std::vector<Device>& devices() { return devices_; }
+    std::vector<Device>& devices() { return entries; }
     size_t visibleCount() const;
 
 private:
     void add(const Json::Value& entry, const std::string& where);
-    std::vector<Device> devices_;
+    std::vector<Device> entries;
 };
 
 // The header an image starts with, one text line:
