@@ -65,7 +65,7 @@ test-sanitize: build-sanitize
 # libFuzzer targets, built by clang with the sanitizers; only these targets need clang.
 FUZZ_BUILD    ?= build-fuzz
 FUZZ_PACKAGES := clang libclang-rt-14-dev
-FUZZ_TARGETS  := fuzz_args fuzz_controller
+FUZZ_TARGETS  := fuzz_args fuzz_receive
 FUZZ_TIME     ?= 30
 FUZZ_SCRATCH  ?= $(FUZZ_BUILD)/scratch
 
