@@ -3,9 +3,9 @@
 BUILD ?= build
 JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
 
-# Debian packages the build, the tests (python3 runs the end-to-end journeys, valgrind
-# the memory checks) and the demo need.
-PACKAGES := g++ cmake make python3 valgrind libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev libgmock-dev
+# Debian packages the build, the tests (python3 runs the end-to-end journeys) and the
+# demo need.
+PACKAGES := g++ cmake make python3 libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev libgmock-dev
 
 .PHONY: all deps build test demo bench clean build-sanitize test-sanitize fuzz-deps fuzz fuzz-smoke
 
