@@ -147,7 +147,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const Json::Value& type = member(m, "msg");
         const bool result = type == "upgrade_result", jobFrame = result || type == "upgrade_progress";
         const bool aboutJob = jobFrame && !model.current.empty() && member(m, "device") == model.current &&
-                              (!result || (member(m, "zor_error_t").isInt() && member(m, "zor_error_t") != 0));
+                              (!result || (member(m, "zor_error_t").isInt() && member(m, "zor_error_t").asInt() != 0));
         const Json::Value& status = member(m, "status");
         const bool ends = aboutJob && (result || status == "Done" || status == "Fail" || m.isMember("error"));
         const std::size_t sentBefore = client->sent.size();
