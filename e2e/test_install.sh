@@ -28,7 +28,8 @@ files)
     [[ $got == "$want" ]] || fail "installed files:"$'\n'"$(diff <(echo "$want") <(echo "$got"))"
     # No arguments is a missing action; an unknown one, such as --help, gets the usage text.
     status() { "$bin/devupdate" "$@" >"$tmp/out" || echo $?; }
-    [[ $(status) == 1 && $(<"$tmp/out") == "Error: One of either --list, --file, --recover-safe or"* ]] ||
+    [[ $(status) == 1 && $(<"$tmp/out") == "Error: One of either --list, --file, --recover-safe or \
+--recover-failsafe must be specified" ]] ||
         fail "no arguments: $(<"$tmp/out")"
     [[ $(status --help) == 1 && $(<"$tmp/out") == "Usage: $bin/devupdate [options]"$'\n\n'Options:* ]] ||
         fail "--help: $(<"$tmp/out")" ;;
