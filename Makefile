@@ -1,13 +1,16 @@
 # Front door: `make demo`, `make test`, `make build`; also `make bench`,
-# `make test-sanitize`, `make fuzz` and `make fuzz-smoke`.
+# `make test-sanitize`, `make fuzz`, `make fuzz-smoke`, `make install`, `make package`
+# and `make package-check`.
 BUILD ?= build
 JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
 
-# Debian packages the build, the tests (python3 runs the end-to-end journeys) and the
-# demo need.
-PACKAGES := g++ cmake make python3 libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev libgmock-dev
+# Debian packages the build, the tests (python3 runs the end-to-end journeys, mandoc,
+# groff and man lint the man pages, bash-completion runs the completion) and the demo need.
+PACKAGES := g++ cmake make python3 libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev libgmock-dev \
+            mandoc groff-base man-db bash-completion
 
-.PHONY: all deps build test demo bench clean build-sanitize test-sanitize fuzz-deps fuzz fuzz-smoke
+.PHONY: all deps build test demo bench clean build-sanitize test-sanitize fuzz-deps fuzz fuzz-smoke \
+        install package-deps package package-check
 
 all: build
 
@@ -44,6 +47,25 @@ demo: build
 
 bench: build
 	$(BUILD)/bench/devupdate_bench
+
+# `make install PREFIX=/usr DESTDIR=/tmp/root` stages an install as a package would.
+PREFIX ?= /usr/local
+install: build
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
+
+# Two .deb files in $(BUILD): devupdate and devsim. dpkg-shlibdeps (dpkg-dev) finds
+# their dependencies, with the help of file; lintian checks the result.
+PACKAGE_PACKAGES := dpkg-dev file lintian
+
+package-deps:
+	@$(MAKE) --no-print-directory deps EXTRA_PACKAGES="$(PACKAGE_PACKAGES)"
+
+package: package-deps build
+	cmake --build $(BUILD) --target package
+
+# The packages' file lists, fields and lintian (errors fail; warnings are shown).
+package-check: package
+	bash e2e/test_install.sh $(BUILD) $(BUILD)/e2e/stage package
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -1,0 +1,17 @@
+# fish completion for devupdate: options, modes and file names (no device names).
+complete -c devupdate -f
+complete -c devupdate -s a -l all -d 'Act on every matching device'
+complete -c devupdate -l list -d 'List the devices the service reports'
+complete -c devupdate -l long-lived -d 'Stay connected; handle devices that come and go'
+complete -c devupdate -l port -x -d 'Port of the service (default 7070)'
+complete -c devupdate -s f -l force -d 'Accept an image for another manufacturer or model'
+complete -c devupdate -l file -r -F -d 'Update normal-mode devices with this firmware file'
+complete -c devupdate -l recover-safe -F -d 'Recover safe-mode devices (=FILE: with this image)'
+complete -c devupdate -l recover-failsafe -d 'Recover failsafe-mode devices'
+complete -c devupdate -l device-mode -x -a 'normal failsafe safe' -d 'Select devices in this mode'
+complete -c devupdate -l device-name -x -d 'Select the device with this name'
+complete -c devupdate -l device-ip -x -d 'Select the device with this IP address'
+complete -c devupdate -l device-mac -x -d 'Select the device with this MAC address'
+complete -c devupdate -l manufacturer -x -d 'Select devices of this manufacturer id'
+complete -c devupdate -l model -x -d 'Select devices of this model id'
+complete -c devupdate -l reboot -d 'Reboot the selected devices (after the update)'
