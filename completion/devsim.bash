@@ -8,7 +8,8 @@ _devsim()
     if ! $split; then
         COMPREPLY=($(compgen -W '--port= --fleet= --generate-fleet= --tick-ms=
             --progress-steps= --record= --close-after= --garbage-after=
-            --mute-after= --oversize-after= --binary --help' -- "$cur"))
+            --mute-after= --oversize-after= --not-object-after= --deep-after=
+            --drop-after= --binary --help' -- "$cur"))
         [[ ${COMPREPLY-} == *= ]] && compopt -o nospace
         return
     fi
