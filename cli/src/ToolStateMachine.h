@@ -74,7 +74,9 @@ private:
     bool startNext();
     void rebootDevice(std::string name);
     void updateTftpServer();
-    void printDeviceLine(const char* event, const Json::Value& device);
+    // filterDevice for a device whose mode the caller has already evaluated.
+    bool filterDevice(const Json::Value& device, DeviceMode mode) const;
+    void printDeviceLine(const char* event, DeviceMode mode, const Json::Value& device);
 
     ToolConfig config;
     std::ostream& output;
