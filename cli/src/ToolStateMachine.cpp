@@ -64,8 +64,10 @@ void appendDeviceLabel(std::string& line, const char* event, DeviceMode mode) {
     }
 }
 
-// The device line of printDevice, line end included.
-void appendDevice(std::string& line, const Json::Value& device) {
+// The device line of printDevice, line end included. `name` is the device's "name"
+// when the caller has already read it; empty means look it up (an empty or missing
+// name prints as the member says).
+void appendDevice(std::string& line, const Json::Value& device, std::string_view name = std::string_view()) {
     const Json::Value& manufacturer = memberOf(device, protocol::kManufacturer);
     const Json::Value& product = memberOf(device, protocol::kProduct);
     // "versionString" wins only when it is non-empty; an empty "version" still prints.
@@ -73,7 +75,7 @@ void appendDevice(std::string& line, const Json::Value& device) {
     if (version.empty()) {
         version = viewOf(product, protocol::kVersion, "?");
     }
-    line += viewOf(device, protocol::kName, "?");
+    line += name.empty() ? viewOf(device, protocol::kName, "?") : name;
     line += ',';
     line += viewOf(manufacturer, protocol::kName, "?");
     line += ',';
@@ -430,11 +432,12 @@ void ToolStateMachine::handleDeviceList(const Json::Value& devices) {
     }
 }
 
-void ToolStateMachine::printDeviceLine(const char* event, DeviceMode mode, const Json::Value& device) {
+void ToolStateMachine::printDeviceLine(const char* event, DeviceMode mode, const Json::Value& device,
+                                       std::string_view name) {
     // Label and device line leave in one write, flushed once like printDevice's line.
     std::string line;
     appendDeviceLabel(line, event, mode);
-    appendDevice(line, device);
+    appendDevice(line, device, name);
     output.write(line.data(), static_cast<std::streamsize>(line.size()));
     output.flush();
 }
@@ -452,7 +455,7 @@ void ToolStateMachine::handleDeviceAdded(const Json::Value& device) {
     }
     if (state == Waiting) {
         if (config.listDevices) {
-            printDeviceLine("Found", mode, device);
+            printDeviceLine("Found", mode, device, name);
         }
         if (config.reboot && config.firmwareFile.empty() && !config.recoverSafe && !config.recoverFailsafe) {
             rebootDevice(std::string(name));
@@ -492,7 +495,7 @@ bool ToolStateMachine::handleDeviceRemoved(const Json::Value& device) {
         return false;
     }
     if (state == Waiting && config.listDevices) {
-        printDeviceLine("Lost", mode, device);
+        printDeviceLine("Lost", mode, device, name);
     }
     std::list<std::string>* queue = nullptr;
     switch (mode) {
