@@ -11,9 +11,9 @@
 #   bench/callgrind.sh build/cli/devupdate storm storm 20000 -- --file=fw.bin
 #   bench/callgrind.sh build/cli/devupdate live listlive 2000 2000 -- --list --long-lived
 #
-# Keep the long-lived case small: the blaster gives a client about five seconds to
-# answer its closing handshake, and a client slowed down this much by callgrind then
-# loses the end of the stream (the output is then short of its 3 x N lines).
+# Keep the long-lived case small: the blaster does not wait long for the closing
+# handshake of a client slowed down this much, and such a client then loses the end
+# of the stream (its output is then short of the 3 x N lines it must have).
 #
 # The blaster comes from the harness's own build (run its bench.sh once first);
 # PERF_WORK moves that build as it does for bench.sh.

@@ -1,5 +1,6 @@
 #include "ToolStateMachine.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -187,8 +188,15 @@ void printProgressBar(std::ostream& out, const std::string& device, int percent,
     line += prefix;
     line += device;
     line += open;
-    for (int i = 0; i < cells; ++i) {
-        line += i < head ? '=' : (i == head ? '>' : ' ');
+    // Cells before the head are "=", the head itself ">" when it falls inside the bar,
+    // the rest blank.
+    const int filled = std::clamp(head, 0, cells);
+    line.append(static_cast<std::size_t>(filled), '=');
+    if (head >= 0 && head < cells) {
+        line += '>';
+        line.append(static_cast<std::size_t>(cells - head - 1), ' ');
+    } else {
+        line.append(static_cast<std::size_t>(cells - filled), ' ');
     }
     line += close;
     line.append(number, numberEnd);
