@@ -1,15 +1,17 @@
 #include "ToolStateMachine.h"
 
+#include <algorithm>
+#include <charconv>
 #include <cmath>
 #include <filesystem>
-#include <iomanip>
+#include <string_view>
 #include <thread>
 #include <utility>
 
 namespace {
 
-const std::string UPGRADE_STATUS_DONE = "Done";
-const std::string UPGRADE_STATUS_FAIL = "Fail";
+constexpr std::string_view UPGRADE_STATUS_DONE = "Done";
+constexpr std::string_view UPGRADE_STATUS_FAIL = "Fail";
 
 // The member `key` of an object; null for a missing member or a value that is not
 // an object, so service input of the wrong shape reads as absent.
@@ -23,14 +25,64 @@ std::string stringOf(const Json::Value& value, const char* key, const std::strin
     return member.isString() ? member.asString() : fallback;
 }
 
+// Like stringOf, but the bytes stay in `value`: for members that are only compared or
+// printed, so that no string is built per message or per device.
+std::string_view viewOf(const Json::Value& value, const char* key, std::string_view fallback = std::string_view()) {
+    const Json::Value& member = memberOf(value, key);
+    if (!member.isString()) {
+        return fallback;
+    }
+    const char* begin = nullptr;
+    const char* end = nullptr;
+    return member.getString(&begin, &end) ? std::string_view(begin, static_cast<std::size_t>(end - begin))
+                                          : std::string_view();
+}
+
 // A failure text from the service, "FAILED" when it gives none.
 std::string failureText(const Json::Value& message, const char* key) {
     std::string text = stringOf(message, key);
     return text.empty() ? "FAILED" : text;
 }
 
-bool isMessageType(const Json::Value& type, const char* name) {
-    return type == Json::Value(name);
+// The "msg" member's bytes, compared in place: a message type is not worth a copy.
+// Empty when it is missing or not a string, and no message type is empty.
+std::string_view messageType(const Json::Value& message) {
+    return viewOf(message, protocol::kMsg);
+}
+
+// The label in front of a device line, "Found[Normal]: " and the like, padded with
+// blanks to 17 characters so that the device fields start in one column.
+void appendDeviceLabel(std::string& line, const char* event, DeviceMode mode) {
+    const std::size_t start = line.size();
+    line += event;
+    line += '[';
+    line += deviceModeWord(mode);
+    line += "]: ";
+    constexpr std::size_t width = 17;
+    if (line.size() - start < width) {
+        line.append(width - (line.size() - start), ' ');
+    }
+}
+
+// The device line of printDevice, line end included. `name` is the device's "name"
+// when the caller has already read it; empty means look it up (an empty or missing
+// name prints as the member says).
+void appendDevice(std::string& line, const Json::Value& device, std::string_view name = std::string_view()) {
+    const Json::Value& manufacturer = memberOf(device, protocol::kManufacturer);
+    const Json::Value& product = memberOf(device, protocol::kProduct);
+    // "versionString" wins only when it is non-empty; an empty "version" still prints.
+    std::string_view version = viewOf(product, protocol::kVersionString);
+    if (version.empty()) {
+        version = viewOf(product, protocol::kVersion, "?");
+    }
+    line += name.empty() ? viewOf(device, protocol::kName, "?") : name;
+    line += ',';
+    line += viewOf(manufacturer, protocol::kName, "?");
+    line += ',';
+    line += viewOf(product, protocol::kName, "?");
+    line += ',';
+    line += version;
+    line += '\n';
 }
 
 bool matchesAnyIgnoringCase(const std::set<std::string>& filters, const std::string& value) {
@@ -110,15 +162,9 @@ std::string deviceModeWord(DeviceMode mode) {
 }
 
 void printDevice(std::ostream& out, const Json::Value& device) {
-    const Json::Value& manufacturer = memberOf(device, protocol::kManufacturer);
-    const Json::Value& product = memberOf(device, protocol::kProduct);
-    // "versionString" wins only when it is non-empty; an empty "version" still prints.
-    std::string version = stringOf(product, protocol::kVersionString);
-    if (version.empty()) {
-        version = stringOf(product, protocol::kVersion, "?");
-    }
-    out << stringOf(device, protocol::kName, "?") << ',' << stringOf(manufacturer, protocol::kName, "?") << ','
-        << stringOf(product, protocol::kName, "?") << ',' << version << '\n';
+    std::string line;
+    appendDevice(line, device);
+    out.write(line.data(), static_cast<std::streamsize>(line.size()));
     out.flush();
 }
 
@@ -128,18 +174,37 @@ void printProgressBar(std::ostream& out, const std::string& device, int percent,
     // deliberately not clamped.
     const auto product = static_cast<int32_t>(static_cast<int64_t>(percent) * cells);
     const int head = static_cast<int>(static_cast<double>(product) / 100.0);
-    std::string bar(cells, ' ');
-    for (int i = 0; i < cells; ++i) {
-        if (i < head) {
-            bar[i] = '=';
-        } else if (i == head) {
-            bar[i] = '>';
-        }
+    // Assembled first and written at once: one write and one flush per bar.
+    constexpr std::string_view prefix = "Updating ";
+    constexpr std::string_view open = " : [";
+    constexpr std::string_view close = "] ";
+    constexpr std::string_view separator = " - ";
+    char number[16];
+    char* numberEnd = std::to_chars(number, number + sizeof number, percent).ptr;
+    std::string line;
+    line.reserve(prefix.size() + device.size() + open.size() + cells + close.size() + sizeof number + separator.size() +
+                 status.size());
+    line += prefix;
+    line += device;
+    line += open;
+    // Cells before the head are "=", the head itself ">" when it falls inside the bar,
+    // the rest blank.
+    const int filled = std::clamp(head, 0, cells);
+    line.append(static_cast<std::size_t>(filled), '=');
+    if (head >= 0 && head < cells) {
+        line += '>';
+        line.append(static_cast<std::size_t>(cells - head - 1), ' ');
+    } else {
+        line.append(static_cast<std::size_t>(cells - filled), ' ');
     }
-    out << "Updating " << device << " : [" << bar << "] " << percent << '%';
+    line += close;
+    line.append(number, numberEnd);
+    line += '%';
     if (!status.empty()) {
-        out << " - " << status;
+        line += separator;
+        line += status;
     }
+    out.write(line.data(), static_cast<std::streamsize>(line.size()));
     out.flush();
 }
 
@@ -205,10 +270,10 @@ void ToolStateMachine::onServiceMessage(Json::Value received) {
     if (!message.isObject()) {
         return;
     }
-    const Json::Value& type = message[protocol::kMsg];
-    if (isMessageType(type, protocol::kDevicesMsg)) {
+    const std::string_view type = messageType(message);
+    if (type == protocol::kDevicesMsg) {
         handleDeviceList(message[protocol::kDevices]);
-    } else if (isMessageType(type, protocol::kDeviceAddedMsg)) {
+    } else if (type == protocol::kDeviceAddedMsg) {
         // A one-shot run works only from the list it got when it connected.
         if (config.longLived) {
             handleDeviceAdded(message[protocol::kDevice]);
@@ -216,40 +281,40 @@ void ToolStateMachine::onServiceMessage(Json::Value received) {
                 startNext();
             }
         }
-    } else if (isMessageType(type, protocol::kDeviceRemovedMsg)) {
+    } else if (type == protocol::kDeviceRemovedMsg) {
         if (config.longLived) {
             handleDeviceRemoved(message[protocol::kDevice]);
         }
-    } else if (isMessageType(type, protocol::kDeviceChangedMsg)) {
+    } else if (type == protocol::kDeviceChangedMsg) {
         if (config.longLived) {
             handleDeviceChanged(message[protocol::kFrom], message[protocol::kTo]);
             if (state == Waiting) {
                 startNext();
             }
         }
-    } else if (isMessageType(type, protocol::kUpgradeProgressMsg)) {
+    } else if (type == protocol::kUpgradeProgressMsg) {
         handleUpgradeProgress(message);
-    } else if (isMessageType(type, protocol::kUpgradeResultMsg)) {
+    } else if (type == protocol::kUpgradeResultMsg) {
         handleUpgradeResult(message);
     }
 }
 
 void ToolStateMachine::handleUpgradeProgress(const Json::Value& message) {
-    const std::string device = stringOf(message, protocol::kDevice);
+    const std::string_view device = viewOf(message, protocol::kDevice);
     if (currentJobKind == JobKind::None || device != currentJobDevice) {
         return;
     }
     const Json::Value& progressValue = message[protocol::kProgress];
     const double progress = progressValue.isNumeric() ? progressValue.asDouble() : 0.0;
-    const std::string status = stringOf(message, protocol::kStatus);
+    const std::string_view status = viewOf(message, protocol::kStatus);
     const int percent = static_cast<int32_t>(std::lround(progress));
     // "Done" wins over any error the same message carries; otherwise any "error"
     // member marks a failure, whatever its value.
     if (status == UPGRADE_STATUS_DONE) {
-        finishJob(device, 100, "SUCCESS");
+        finishJob(std::string(device), 100, "SUCCESS");
     } else if (message.isMember(protocol::kError) || status == UPGRADE_STATUS_FAIL) {
         anyJobFailed = true;
-        finishJob(device, percent, failureText(message, protocol::kErrorReason));
+        finishJob(std::string(device), percent, failureText(message, protocol::kErrorReason));
     } else {
         output << '\r';
         printProgressBar(output, currentJobDevice, percent, std::string());
@@ -257,7 +322,7 @@ void ToolStateMachine::handleUpgradeProgress(const Json::Value& message) {
 }
 
 void ToolStateMachine::handleUpgradeResult(const Json::Value& message) {
-    const std::string device = stringOf(message, protocol::kDevice);
+    const std::string_view device = viewOf(message, protocol::kDevice);
     if (currentJobKind == JobKind::None || device != currentJobDevice) {
         return;
     }
@@ -268,7 +333,7 @@ void ToolStateMachine::handleUpgradeResult(const Json::Value& message) {
         return;
     }
     anyJobFailed = true;
-    finishJob(device, 0, failureText(message, protocol::kDesc));
+    finishJob(std::string(device), 0, failureText(message, protocol::kDesc));
 }
 
 void ToolStateMachine::finishJob(const std::string& device, int percent, const std::string& statusText) {
@@ -296,19 +361,24 @@ void ToolStateMachine::finishJob(const std::string& device, int percent, const s
 }
 
 bool ToolStateMachine::filterDevice(const Json::Value& device) const {
-    const DeviceMode mode = evalDeviceMode(device);
+    return filterDevice(device, evalDeviceMode(device));
+}
+
+bool ToolStateMachine::filterDevice(const Json::Value& device, DeviceMode mode) const {
     if (mode == DeviceMode::None) {
         return true;
     }
     if (!config.deviceModes.empty() && config.deviceModes.count(mode) == 0) {
         return true;
     }
-    const std::string manufacturerId = stringOf(memberOf(device, protocol::kManufacturer), protocol::kId);
-    if (!config.manufacturers.empty() && !matchesAnyIgnoringCase(config.manufacturers, manufacturerId)) {
+    // The ids are read only when a filter asks for them.
+    if (!config.manufacturers.empty() &&
+        !matchesAnyIgnoringCase(config.manufacturers,
+                                stringOf(memberOf(device, protocol::kManufacturer), protocol::kId))) {
         return true;
     }
-    const std::string productId = stringOf(memberOf(device, protocol::kProduct), protocol::kId);
-    if (!config.models.empty() && !matchesAnyIgnoringCase(config.models, productId)) {
+    if (!config.models.empty() &&
+        !matchesAnyIgnoringCase(config.models, stringOf(memberOf(device, protocol::kProduct), protocol::kId))) {
         return true;
     }
 
@@ -369,17 +439,22 @@ void ToolStateMachine::handleDeviceList(const Json::Value& devices) {
     }
 }
 
-void ToolStateMachine::printDeviceLine(const char* event, const Json::Value& device) {
-    output << std::left << std::setw(17) << (event + ("[" + deviceModeWord(evalDeviceMode(device)) + "]: "));
-    printDevice(output, device);
+void ToolStateMachine::printDeviceLine(const char* event, DeviceMode mode, const Json::Value& device,
+                                       std::string_view name) {
+    // Label and device line leave in one write, flushed once like printDevice's line.
+    std::string line;
+    appendDeviceLabel(line, event, mode);
+    appendDevice(line, device, name);
+    output.write(line.data(), static_cast<std::streamsize>(line.size()));
+    output.flush();
 }
 
 void ToolStateMachine::handleDeviceAdded(const Json::Value& device) {
-    if (filterDevice(device)) {
+    const DeviceMode mode = evalDeviceMode(device);
+    if (filterDevice(device, mode)) {
         return;
     }
-    const DeviceMode mode = evalDeviceMode(device);
-    const std::string name = stringOf(device, protocol::kName);
+    const std::string_view name = viewOf(device, protocol::kName);
     // The device under work comes back after the reboot that ends its update; it is
     // not a new device.
     if (name.empty() || name == currentJobDevice) {
@@ -387,27 +462,27 @@ void ToolStateMachine::handleDeviceAdded(const Json::Value& device) {
     }
     if (state == Waiting) {
         if (config.listDevices) {
-            printDeviceLine("Found", device);
+            printDeviceLine("Found", mode, device, name);
         }
         if (config.reboot && config.firmwareFile.empty() && !config.recoverSafe && !config.recoverFailsafe) {
-            rebootDevice(name);
+            rebootDevice(std::string(name));
         }
     }
     // Queued whatever the state: a device announced during a job waits its turn.
     switch (mode) {
     case DeviceMode::Safe:
         if (config.recoverSafe) {
-            safeQueue.push_back(name);
+            safeQueue.emplace_back(name);
         }
         break;
     case DeviceMode::Failsafe:
         if (config.recoverFailsafe) {
-            failsafeQueue.push_back(name);
+            failsafeQueue.emplace_back(name);
         }
         break;
     case DeviceMode::Normal:
         if (!config.firmwareFile.empty()) {
-            upgradeQueue.push_back(name);
+            upgradeQueue.emplace_back(name);
         }
         break;
     default:
@@ -416,18 +491,18 @@ void ToolStateMachine::handleDeviceAdded(const Json::Value& device) {
 }
 
 bool ToolStateMachine::handleDeviceRemoved(const Json::Value& device) {
-    if (filterDevice(device)) {
+    const DeviceMode mode = evalDeviceMode(device);
+    if (filterDevice(device, mode)) {
         return false;
     }
-    const DeviceMode mode = evalDeviceMode(device);
-    const std::string name = stringOf(device, protocol::kName);
+    const std::string_view name = viewOf(device, protocol::kName);
     // The device under work disappears while it reboots; that is expected. A nameless
     // device is let through whenever a job is in flight.
     if (name == currentJobDevice) {
         return false;
     }
     if (state == Waiting && config.listDevices) {
-        printDeviceLine("Lost", device);
+        printDeviceLine("Lost", mode, device, name);
     }
     std::list<std::string>* queue = nullptr;
     switch (mode) {
@@ -472,8 +547,8 @@ void ToolStateMachine::handleDeviceChanged(const Json::Value& from, const Json::
     }
     // Both readings come from `from`, so a change between two matching descriptions
     // is never re-evaluated; queued jobs rely on that and keep their entries.
-    const std::string oldName = stringOf(from, protocol::kName);
-    const std::string newName = stringOf(from, protocol::kName);
+    const std::string_view oldName = viewOf(from, protocol::kName);
+    const std::string_view newName = viewOf(from, protocol::kName);
     if (oldName != newName) {
         if (handleDeviceRemoved(from)) {
             handleDeviceAdded(to);

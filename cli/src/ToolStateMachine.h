@@ -5,6 +5,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 #include <json/json.h>
 
@@ -74,7 +75,10 @@ private:
     bool startNext();
     void rebootDevice(std::string name);
     void updateTftpServer();
-    void printDeviceLine(const char* event, const Json::Value& device);
+    // filterDevice for a device whose mode the caller has already evaluated.
+    bool filterDevice(const Json::Value& device, DeviceMode mode) const;
+    // The "Found"/"Lost" label and the device line; `name` as for handleDeviceAdded.
+    void printDeviceLine(const char* event, DeviceMode mode, const Json::Value& device, std::string_view name);
 
     ToolConfig config;
     std::ostream& output;
