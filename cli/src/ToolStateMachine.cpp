@@ -445,6 +445,9 @@ void ToolStateMachine::printDeviceLine(const char* event, DeviceMode mode, const
     std::string line;
     appendDeviceLabel(line, event, mode);
     appendDevice(line, device, name);
+    // The label used to be padded through the stream, which left it left-adjusted;
+    // keep the stream in that state for whoever shares it.
+    output.setf(std::ios::left, std::ios::adjustfield);
     output.write(line.data(), static_cast<std::streamsize>(line.size()));
     output.flush();
 }
