@@ -1,16 +1,19 @@
-// Fuzzes what a service can send. The first byte picks a run configuration (low four bits);
-// the rest, cut at line feeds, are payloads for WebsocketClient::receivePayload, whose
-// callback drives a ToolStateMachine through the in-memory client. Checked against the
-// harness' own model of the job queues: each job request names the next queued device, job
-// lines appear exactly for the device under work, and only the deliberate logic error (an
-// "interfaces" entry neither object nor null) escapes. Removals that would stall are skipped.
+// Fuzzes the command line and what a service can send. The first line holds the arguments
+// (split at blanks); only the parser's invalid_argument and out_of_range may leave it. The
+// other lines are payloads for WebsocketClient::receivePayload, whose callback drives a
+// ToolStateMachine through the in-memory client. Checked against the harness' own model of
+// the job queues: each job request names the next queued device, job lines appear exactly
+// for the device under work, and only the deliberate logic error (an "interfaces" entry
+// neither object nor null) escapes. Removals that would stall are skipped.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
 #include <list>
 #include <sstream>
+#include <stdexcept>
 #include <vector>
 
 #include "ArgsParser.h"
@@ -18,27 +21,6 @@
 #include "ToolStateMachine.h"
 
 namespace {
-
-// The first eight end after the list or their first job, the last eight are long-lived.
-const std::vector<std::vector<const char*>> kConfigs = {
-    {"devupdate", "--list"},
-    {"devupdate", "--list", "--reboot", "--device-mode=normal", "--device-mode=safe"},
-    {"devupdate", "--file=fw.bin"},
-    {"devupdate", "--file=/fw/a.bin", "--all", "--reboot", "--force"},
-    {"devupdate", "--recover-safe", "--recover-failsafe", "--all"},
-    {"devupdate", "--recover-safe=/img/safe.bin", "--file=fw.bin", "--reboot"},
-    {"devupdate", "--file=fw.bin", "--all", "--device-ip=10.0.0.5", "--device-mac=AA:BB:CC:00:11:22"},
-    {"devupdate", "--list", "--manufacturer=acme", "--model=m8", "--device-name=unit-1", "--device-ip=10.0.0.5"},
-    {"devupdate", "--list", "--long-lived"},
-    {"devupdate", "--list", "--long-lived", "--reboot", "--device-mac=aa:bb:cc:00:11:22", "--device-name=unit-2"},
-    {"devupdate", "--file=fw.bin", "--long-lived"},
-    {"devupdate", "--file=/fw/a.bin", "--long-lived", "--all", "--reboot"},
-    {"devupdate", "--recover-safe", "--recover-failsafe", "--long-lived", "--all"},
-    {"devupdate", "--file=fw.bin", "--recover-safe=/img/safe.bin", "--recover-failsafe", "--long-lived", "--all",
-     "--force", "--device-ip=10.0.0.5", "--device-ip=10.0.0.6", "--device-name=unit-1"},
-    {"devupdate", "--list", "--recover-failsafe", "--long-lived", "--device-mode=failsafe", "--reboot"},
-    {"devupdate", "--file=fw.bin", "--long-lived", "--all", "--manufacturer=ACME", "--device-mac=AA:BB:CC:00:11:22"},
-};
 
 void expect(bool ok, const char* what) {
     if (!ok) {
@@ -134,8 +116,26 @@ struct Model {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static WebsocketClient link;          // only its receive step runs: it never connects
     std::cout.setstate(std::ios::badbit); // silences its parse-failure reports
-    const std::vector<const char*>& argv = kConfigs[size > 0 ? data[0] % 16 : 0];
-    const std::unique_ptr<ToolConfig> config = ArgumentParser::parseArguments(int(argv.size()), argv.data());
+    const std::string input(reinterpret_cast<const char*>(data), size);
+    std::size_t end = std::min(input.find('\n'), input.size());
+    std::istringstream line(input.substr(0, end));
+    std::vector<std::string> args{"devupdate"};
+    for (std::string word; line >> word;) {
+        args.push_back(word);
+    }
+    std::vector<const char*> argv;
+    std::transform(args.begin(), args.end(), std::back_inserter(argv), [](auto& a) { return a.c_str(); });
+    std::unique_ptr<ToolConfig> config;
+    try {
+        config = ArgumentParser::parseArguments(int(argv.size()), argv.data());
+    } catch (const std::invalid_argument&) {
+        return 0;
+    } catch (const std::out_of_range&) {
+        return 0;
+    }
+    if (!config) {
+        return 0; // the usage text
+    }
     auto client = std::make_shared<ScriptedClient>();
     std::ostringstream output;
     ToolStateMachine machine(*config, output, client);
@@ -162,8 +162,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::for_each(client->sent.begin() + sentBefore, client->sent.end(), [&](auto& s) { model.started(s); });
     });
 
-    const std::string input = size > 0 ? std::string(reinterpret_cast<const char*>(data) + 1, size - 1) : "";
-    for (std::size_t start = 0, end = 0; start <= input.size() && !client->disconnected; start = end + 1) {
+    for (std::size_t start = end + 1; start <= input.size() && !client->disconnected; start = end + 1) {
         end = std::min(input.find('\n', start), input.size());
         try {
             link.receivePayload(input.substr(start, end - start));
