@@ -1,5 +1,4 @@
-"""End-to-end journeys: the built devupdate against devsim over real sockets, for what
-only real sockets show. Expected output is written out in full."""
+"""The built devupdate against devsim over real sockets, for what only they show; literal output."""
 
 import json
 import os
@@ -134,9 +133,8 @@ class Journeys(Journey):
         self.assertIsNone(listener.poll(), "a long-lived run never ends by itself")
 
 
-# One row per way the service can fail the tool: devsim's fault options (None: nothing
-# listens), devupdate's arguments, then its standard output, exit status and a text its
-# standard error holds (the library's log; "" means it stays empty).
+# One row per way the service can fail the tool: devsim's faults (None: nothing listens), the
+# tool's arguments, its output, exit status and a text its standard error holds ("": empty).
 FAULTS = [
     ("nothing listening", None, ("--list",), "", 1, "Connection refused"),
     ("closed mid-job", ("--close-after=2",), UPDATE, STARTED, 1, ""),

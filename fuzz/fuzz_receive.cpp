@@ -1,10 +1,9 @@
-// Fuzzes the command line and what a service can send. The first line holds the arguments
-// (split at blanks); only the parser's invalid_argument and out_of_range may leave it. The
-// other lines are payloads for WebsocketClient::receivePayload, whose callback drives a
-// ToolStateMachine through the in-memory client. Checked against the harness' own model of
-// the job queues: each job request names the next queued device, job lines appear exactly
-// for the device under work, and only the deliberate logic error (an "interfaces" entry
-// neither object nor null) escapes. Removals that would stall are skipped.
+// Fuzzes the command line and what a service can send. Line 1: the arguments (only the
+// parser's invalid_argument and out_of_range may leave it); every other line: a payload for
+// WebsocketClient::receivePayload, whose callback drives a ToolStateMachine through the
+// in-memory client. The harness' own model of the job queues checks that each job request
+// names the next queued device and that job lines appear exactly for the device under work;
+// only the deliberate logic error (an "interfaces" entry neither object nor null) escapes.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>

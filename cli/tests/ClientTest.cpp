@@ -6,9 +6,8 @@
 
 namespace {
 
-// Runs the client against `uri` (when given), then hands it `payloads` as received frames.
-// Gives what it wrote to standard output, then each state it reported ("open", "closed") and
-// each message it delivered (compact, one a line).
+// Runs the client against `uri` (if any), then hands it `payloads`. Gives its standard output,
+// then each state it reported ("open", "closed") and message it delivered, one a line.
 std::string logOf(WebsocketClient& client, const std::string& uri, const std::vector<std::string>& payloads = {}) {
     std::string log;
     client.onStateChange(
@@ -31,8 +30,7 @@ std::string logOf(WebsocketClient& client, const std::string& uri, const std::ve
     return out.str() + log;
 }
 
-// Frames over a real socket (text, binary, unparsable, sent just before disconnect()) are the
-// end-to-end journeys' part; here only what needs no service.
+// Frames over real sockets are the end-to-end journeys' part; here only what needs no service.
 TEST(WebsocketClient, RefusedOrRejectedAddressesAndSendingWhileClosed) {
     asio::io_context io;
     asio::ip::tcp::acceptor taken(io, asio::ip::tcp::endpoint(asio::ip::address_v4::loopback(), 0));
