@@ -1,13 +1,13 @@
 #include "WebsocketClient.h"
 
-#include <chrono>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
 #include <utility>
 
 WebsocketClient::WebsocketClient()
-    : client(), connectionState(Closed), connection(), reader(Json::CharReaderBuilder().newCharReader()) {
+    : client(), connectionState(Closed), connection(), reader(Json::CharReaderBuilder().newCharReader()),
+      outbox(std::make_shared<Outbox>(client)) {
     client.init_asio();
     using std::placeholders::_1;
     using std::placeholders::_2;
@@ -31,23 +31,47 @@ void WebsocketClient::connect(const std::string& uri) {
 }
 
 void WebsocketClient::disconnect() {
-    // A sent frame is written by a handler the endpoint posts to the loop. Stopping
-    // from a handler posted behind those writes lets every frame sent so far reach
-    // the socket first. No close frame is sent and no state changes.
-    client.get_io_service().post([this] { stopWhenFlushed(); });
+    // No close frame and no state change: the loop stops, but only after every frame
+    // sent so far is on the socket. A peer that stops reading keeps it waiting.
+    outbox->stopWhenWritten();
 }
 
-void WebsocketClient::stopWhenFlushed() {
-    websocketpp::lib::error_code ec;
-    Endpoint::connection_ptr con = client.get_con_from_hdl(connection, ec);
-    if (con && con->get_buffered_amount() > 0) {
-        // Frames still queued behind a write in progress: look again shortly, without
-        // spinning while a slow peer drains the socket.
-        auto retry = std::make_shared<asio::steady_timer>(client.get_io_service(), std::chrono::milliseconds(1));
-        retry->async_wait([this, retry](const asio::error_code&) { stopWhenFlushed(); });
-        return;
+WebsocketClient::Outbox::Outbox(Endpoint& endpoint)
+    : endpoint(endpoint), messages(std::make_shared<Config::con_msg_manager_type>()),
+      framer(false, false, messages, rng) {}
+
+WebsocketClient::Endpoint::message_ptr WebsocketClient::Outbox::frame(const std::string& text) {
+    Endpoint::message_ptr payload = messages->get_message(websocketpp::frame::opcode::text, text.size());
+    payload->append_payload(text);
+    // The count outlives neither the client nor the frame: a frame released after the
+    // client has gone finds nothing to update.
+    Endpoint::message_ptr frame(new Config::message_type(messages),
+                                [owner = weak_from_this()](Config::message_type* done) {
+                                    delete done;
+                                    if (std::shared_ptr<Outbox> box = owner.lock()) {
+                                        box->released();
+                                    }
+                                });
+    ++held;
+    websocketpp::lib::error_code ec = framer.prepare_data_frame(payload, frame);
+    if (ec) {
+        throw websocketpp::exception(ec);
     }
-    client.stop();
+    return frame;
+}
+
+void WebsocketClient::Outbox::stopWhenWritten() {
+    if (held == 0) {
+        endpoint.stop();
+    } else {
+        stopping = true;
+    }
+}
+
+void WebsocketClient::Outbox::released() {
+    if (--held == 0 && stopping) {
+        endpoint.stop();
+    }
 }
 
 void WebsocketClient::onStateChange(std::function<void(IWebsocketClient::State)> callback) {
@@ -73,8 +97,7 @@ void WebsocketClient::sendMessage(Json::Value message) {
     // The compact writer's output, trailing newline included, is what the service expects.
     Json::FastWriter writer;
 #pragma GCC diagnostic pop
-    const std::string text = writer.write(message);
-    client.send(connection, text, websocketpp::frame::opcode::text);
+    client.send(connection, outbox->frame(writer.write(message)));
 }
 
 void WebsocketClient::run() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -104,7 +105,31 @@ public:
     void onFailHandler(websocketpp::connection_hdl hdl);
 
 private:
-    void stopWhenFlushed();
+    // The frames handed to the connection and not yet released by it. The connection
+    // lets go of a frame only once the transport has finished writing the batch that
+    // holds it (or the connection is gone), so a stop that waits for the count to reach
+    // zero never cuts a write short. An empty send buffer is no such proof: the
+    // connection empties it when it hands the whole queue to one write.
+    class Outbox : public std::enable_shared_from_this<Outbox> {
+    public:
+        explicit Outbox(Endpoint& endpoint);
+        // A masked text frame, ready for the wire, counted until the connection drops it.
+        Endpoint::message_ptr frame(const std::string& text);
+        // Stops the loop now when nothing is held, otherwise once the last frame is released.
+        void stopWhenWritten();
+
+    private:
+        using Config = websocketpp::config::asio_client;
+        void released();
+
+        Endpoint& endpoint;
+        std::size_t held = 0;
+        bool stopping = false;
+        Config::rng_type rng;
+        Config::con_msg_manager_type::ptr messages;
+        websocketpp::processor::hybi13<Config> framer;
+    };
+
 
     Endpoint client;
     IWebsocketClient::State connectionState;
@@ -114,4 +139,5 @@ private:
     // Built once: a reader resets itself at the start of every parse, and building one
     // costs more than parsing a small message.
     std::unique_ptr<Json::CharReader> reader;
+    std::shared_ptr<Outbox> outbox;
 };
