@@ -9,7 +9,7 @@ _devsim()
         COMPREPLY=($(compgen -W '--port= --fleet= --generate-fleet= --tick-ms=
             --progress-steps= --record= --close-after= --garbage-after=
             --mute-after= --oversize-after= --not-object-after= --deep-after=
-            --drop-after= --binary --help' -- "$cur"))
+            --drop-after= --pause-reading-ms= --binary --help' -- "$cur"))
         [[ ${COMPREPLY-} == *= ]] && compopt -o nospace
         return
     fi

@@ -290,6 +290,16 @@ Fleet Fleet::generated(unsigned count) {
 }
 
 Device* Fleet::find(const std::string& name) {
+    if (byName.empty()) {
+        for (size_t i = 0; i < entries.size(); ++i)
+            byName.emplace(stringMember(entries[i].object, "name"), i);
+    }
+    auto known = byName.find(name);
+    if (known != byName.end()) {
+        Device& device = entries[known->second];
+        if (!device.hidden && stringMember(device.object, "name") == name)
+            return &device;
+    }
     for (Device& device : entries) {
         if (!device.hidden && device.object["name"].asString() == name)
             return &device;

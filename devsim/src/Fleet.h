@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace devsim {
@@ -59,6 +60,10 @@ public:
 private:
     void add(const Json::Value& entry, const std::string& where);
     std::vector<Device> entries;
+    // Where each name stood when first looked up: a request per device of a large fleet
+    // must not scan the whole fleet each time. Checked on every hit, since a change
+    // may rename a device.
+    std::unordered_map<std::string, size_t> byName;
 };
 
 // The header an image starts with, one text line:

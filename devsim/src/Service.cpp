@@ -134,6 +134,8 @@ void Service::onOpen(Hdl hdl) {
     // A fault count of 0 takes effect before the device list.
     applyFaults(hdl, stored);
     sendText(hdl, devicesText());
+    if (Client* opened = clientOf(hdl); opened && opened->pauseDue)
+        pauseReading(hdl, *opened);
 }
 
 const std::string& Service::devicesText() {
@@ -191,10 +193,15 @@ void Service::onFail(Hdl hdl) {
 }
 
 void Service::onMessage(Hdl hdl, Server::message_ptr message) {
+    handleFrame(hdl, message->get_payload());
+    if (Client* client = clientOf(hdl); client && client->pauseDue)
+        pauseReading(hdl, *client);
+}
+
+void Service::handleFrame(Hdl hdl, const std::string& payload) {
     Client* client = clientOf(hdl);
     if (!client)
         return;
-    const std::string& payload = message->get_payload();
     if (record.is_open()) {
         record.write(payload.data(), static_cast<std::streamsize>(payload.size()));
         record.flush();
@@ -328,9 +335,9 @@ void Service::handleReboot(Client& client, const Json::Value& request) {
     Json::Value message(Json::objectValue);
     message["msg"] = "device_removed";
     message["device"] = device->object;
-    broadcast(message);
+    broadcastWhenRead(message);
     message["msg"] = "device_added";
-    broadcast(message);
+    broadcastWhenRead(message);
 }
 
 void Service::startJob(Hdl hdl, Client& client, Device& device, Json::Value after, bool recovery) {
@@ -448,6 +455,42 @@ void Service::broadcast(const Json::Value& message) {
         sendText(hdl, text);
 }
 
+void Service::broadcastWhenRead(const Json::Value& message) {
+    std::string text = toText(message);
+    for (auto& entry : clients) {
+        entry.second.heldBack.push_back(text);
+        if (entry.second.heldBack.size() == 1)
+            sendHeldBack(entry.first);
+    }
+}
+
+void Service::sendHeldBack(Hdl hdl) {
+    Client* client = clientOf(hdl);
+    websocketpp::lib::error_code ec;
+    Server::connection_ptr con = server.get_con_from_hdl(hdl, ec);
+    if (!client || !con || client->heldBack.empty())
+        return;
+    // A client that is still sending requests may be gone by the time they are read, and
+    // a write that fails ends the connection with its last requests unread. So news about
+    // a device waits until everything the client has sent so far has been read.
+    asio::socket_base::bytes_readable unread;
+    con->get_socket().io_control(unread, ec);
+    if (ec || unread.get() == 0) {
+        std::vector<std::string> texts;
+        texts.swap(client->heldBack);
+        for (const std::string& text : texts)
+            sendText(hdl, text);
+        return;
+    }
+    if (!client->heldBackRetry)
+        client->heldBackRetry = std::make_shared<asio::steady_timer>(io);
+    client->heldBackRetry->expires_after(std::chrono::milliseconds(5));
+    client->heldBackRetry->async_wait([this, hdl](const asio::error_code& waited) {
+        if (!waited)
+            sendHeldBack(hdl);
+    });
+}
+
 void Service::sendText(Hdl hdl, const std::string& text) {
     Client* client = clientOf(hdl);
     if (!client || client->muted || client->closing)
@@ -459,7 +502,32 @@ void Service::sendText(Hdl hdl, const std::string& text) {
         return;
     }
     ++client->sent;
+    client->pauseDue = options.pauseReadingMs >= 0;
     applyFaults(hdl, *client);
+}
+
+void Service::pauseReading(Hdl hdl, Client& client) {
+    websocketpp::lib::error_code ec;
+    Server::connection_ptr con = server.get_con_from_hdl(hdl, ec);
+    if (!con)
+        return;
+    client.pauseDue = false;
+    if (!client.readPause) {
+        log("client " + std::to_string(client.id) + ": reading nothing for " + std::to_string(options.pauseReadingMs) +
+            " ms after each message");
+        client.readPause = std::make_shared<asio::steady_timer>(io);
+    }
+    // Requests pile up in the socket meanwhile, and the client's writes back up behind them.
+    // Only ever called from inside the connection's read step (on open, or while the frames
+    // of a read are handled), and set there and then rather than posted: the step then
+    // ends without starting another read, so resuming never starts a second one beside it.
+    con->handle_pause_reading();
+    client.readPause->expires_after(std::chrono::milliseconds(options.pauseReadingMs));
+    // The wait holds the connection: with no read pending nothing else keeps it alive.
+    client.readPause->async_wait([con](const asio::error_code& waited) {
+        if (!waited)
+            con->resume_reading();
+    });
 }
 
 void Service::applyFaults(Hdl hdl, Client& client) {

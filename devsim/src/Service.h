@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace devsim {
 
@@ -31,6 +32,7 @@ struct Options {
     long notObjectAfter = -1;
     long deepAfter = -1;
     long dropAfter = -1;
+    long pauseReadingMs = -1; // after every message sent, read nothing from that client for this long
     bool binary = false;
 };
 
@@ -59,6 +61,10 @@ private:
         bool oversizeDone = false;
         bool notObjectDone = false;
         bool deepDone = false;
+        bool pauseDue = false; // a message went out since reading last paused
+        std::shared_ptr<asio::steady_timer> readPause; // resumes reading once it expires
+        std::vector<std::string> heldBack;             // frames waiting until the client's requests are read
+        std::shared_ptr<asio::steady_timer> heldBackRetry;
     };
 
     struct Job {
@@ -76,6 +82,7 @@ private:
     void onClose(Hdl hdl);
     void onFail(Hdl hdl);
     void onMessage(Hdl hdl, Server::message_ptr message);
+    void handleFrame(Hdl hdl, const std::string& payload);
 
     void handleUpgrade(Hdl hdl, Client& client, const Json::Value& request);
     void handleRecover(Hdl hdl, Client& client, const Json::Value& request);
@@ -92,8 +99,11 @@ private:
     void send(Hdl hdl, const Json::Value& message);
     void sendText(Hdl hdl, const std::string& text);
     void broadcast(const Json::Value& message);
+    void broadcastWhenRead(const Json::Value& message);
+    void sendHeldBack(Hdl hdl);
     void applyFaults(Hdl hdl, Client& client);
     void dropWhenFlushed(Hdl hdl);
+    void pauseReading(Hdl hdl, Client& client);
 
     const std::string& devicesText();
     void startTimeline();

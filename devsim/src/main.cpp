@@ -19,6 +19,7 @@ const char* const kUsage = "Usage: devsim [options]\n"
                            "  --generate-fleet=N    Serve N synthetic normal-mode devices instead\n"
                            "  --tick-ms=N           Milliseconds between progress events (default 200; 0 = no pause)\n"
                            "  --progress-steps=N    Progress events per job, the last being Done (default 10)\n"
+
                            "  --record=FILE         Append every frame received from any client to FILE, verbatim\n"
                            "  --help, -h            Show this text\n"
                            "\n"
@@ -30,6 +31,7 @@ const char* const kUsage = "Usage: devsim [options]\n"
                            "  --not-object-after=N  After N messages, send one JSON frame that is not an object\n"
                            "  --deep-after=N        After N messages, send one frame of arrays nested 1001 deep\n"
                            "  --drop-after=N        After N messages, drop the TCP connection without a close frame\n"
+                           "  --pause-reading-ms=N  After every message, read nothing from that client for N ms\n"
                            "  --binary              Send every message as a binary frame\n"
                            "\n"
                            "Prints \"devsim listening on 127.0.0.1:<port>\" once ready; logs to stderr.\n"
@@ -97,6 +99,8 @@ int main(int argc, char** argv) {
             options.deepAfter = static_cast<long>(toNumber("--deep-after", value, kMaxCount));
         } else if (takeValue(arg, "--drop-after", value)) {
             options.dropAfter = static_cast<long>(toNumber("--drop-after", value, kMaxCount));
+        } else if (takeValue(arg, "--pause-reading-ms", value)) {
+            options.pauseReadingMs = static_cast<long>(toNumber("--pause-reading-ms", value, 3600000));
         } else {
             std::cerr << "devsim: unknown option " << arg << " (see --help)\n";
             return 2;
