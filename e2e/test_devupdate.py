@@ -94,20 +94,36 @@ class Journey(unittest.TestCase):
 class Journeys(Journey):
     def test_frames_sent_just_before_the_end_reach_the_service(self):
         upgrade = '{"device":"lobby-panel-01","filePath":"%s/fw.bin","msg":"upgrade","override":"false"}\n'
+        reboots = lambda names: "".join('{"device":"%s","msg":"reboot"}\n' % name for name in names)
+        fleet = ["node-%05d" % n for n in range(1, 5001)]
+        listed = "".join("Found[Normal]:   %s,%s\n" % (name, ("Acme,X100 Controller,2.0.3", "Northwind,NW-200 Gateway,4.1.0")[n % 2])
+                         for n, name in enumerate(fleet))
+        big = "big-" + "x" * 8000000  # larger than what the sockets buffer while devsim does not read
+        big_fleet = os.path.join(self.folder, "big.json")
+        with open(big_fleet, "w") as f:
+            json.dump([{"name": big}], f)
+        # devsim's options, the tool's, its output, and every frame devsim received, in order.
         table = [
-            (("--list", "--reboot", "--device-mode=normal"),
+            ((), ("--list", "--reboot", "--device-mode=normal"),
              "Found[Normal]:   lobby-panel-01,Acme,X100 Controller,2.0.3\n"
              "Found[Normal]:   lobby-panel-02,Acme,X100 Controller,2.0.3\n"
              "Found[Normal]:   warehouse-gw-01,Northwind,NW-200 Gateway,4.1.0 (build 5512)\n"
              "Found[Normal]:   warehouse-gw-02,Northwind,NW-200 Gateway,4.0.9\n",
-             '{"device":"lobby-panel-01","msg":"reboot"}\n{"device":"lobby-panel-02","msg":"reboot"}\n'
-             '{"device":"warehouse-gw-01","msg":"reboot"}\n{"device":"warehouse-gw-02","msg":"reboot"}\n'),
-            ((*UPDATE, "--reboot"), STARTED + DONE,
-             upgrade % self.folder + '{"device":"lobby-panel-01","msg":"reboot"}\n'),
+             reboots(["lobby-panel-01", "lobby-panel-02", "warehouse-gw-01", "warehouse-gw-02"])),
+            ((), (*UPDATE, "--reboot"), STARTED + DONE, upgrade % self.folder + reboots(["lobby-panel-01"])),
+            ((), ("--recover-safe", "--recover-failsafe", "--all", "--reboot"),
+             (STARTED + DONE).replace("lobby-panel-01", "dock-controller-03") +
+             (STARTED + DONE).replace("lobby-panel-01", "yard-gw-07"),
+             '{"device":"dock-controller-03","msg":"failsafe_recover"}\n' + reboots(["dock-controller-03"]) +
+             '{"macaddr":"yard-gw-07","msg":"failsafe_recover"}\n' + reboots(["yard-gw-07"])),
+            (("--generate-fleet=5000",), ("--list", "--reboot"), listed, reboots(fleet)),
+            (("--generate-fleet=5000", "--pause-reading-ms=200"), ("--list", "--reboot"), listed, reboots(fleet)),
+            (("--fleet=" + big_fleet, "--pause-reading-ms=500"), ("--list", "--reboot"),
+             "Found[Normal]:   %s,?,?,?\n" % big, reboots([big])),
         ]
-        for args, output, frames in table:
-            with self.subTest(args=args):
-                sim = self.sim()
+        for sim_args, args, output, frames in table:
+            with self.subTest(sim=sim_args, args=args[:3]):
+                sim = self.sim(*sim_args)
                 self.assertEqual(self.tool(sim.port, *args), (output, 0, ""))
                 self.assertEqual(sim.frames(), frames)
 
