@@ -17,18 +17,11 @@ bool takePrefix(const std::string& arg, const char* prefix, std::string& value) 
     return true;
 }
 
-// Folds A-Z only, which is all that tolower does in the C locale the tool runs in.
-std::string asciiLower(std::string text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') {
-            c = static_cast<char>(c - 'A' + 'a');
-        }
-    }
-    return text;
-}
-
 DeviceMode parseDeviceMode(const std::string& value) {
-    const std::string word = asciiLower(value);
+    std::string word = value;
+    for (char& c : word) {
+        c = asciiLower(c);
+    }
     if (word == "normal") {
         return DeviceMode::Normal;
     }

@@ -35,5 +35,12 @@ struct ToolConfig {
     std::set<std::string> models;
 };
 
+// The one case folding of the tool: A-Z to a-z and every other byte as is, which is all
+// that tolower does in the C locale the tool never leaves. The parser folds option words
+// with it and compareIgnoreCase folds filter values.
+inline char asciiLower(char c) {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
 // Writes the usage text to standard output.
 void printUsage(const std::string& programName);

@@ -138,10 +138,8 @@ bool compareIgnoreCase(const std::string& a, const std::string& b) {
     if (a.size() != b.size()) {
         return false;
     }
-    // The process stays in the C locale, where folding is A-Z only.
-    const auto fold = [](char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; };
     for (std::size_t i = 0; i < a.size(); ++i) {
-        if (fold(a[i]) != fold(b[i])) {
+        if (asciiLower(a[i]) != asciiLower(b[i])) {
             return false;
         }
     }
@@ -208,10 +206,11 @@ void printProgressBar(std::ostream& out, const std::string& device, int percent,
     out.flush();
 }
 
-ToolStateMachine::ToolStateMachine(ToolConfig config, std::ostream& output, std::shared_ptr<IWebsocketClient> client)
-    : config(std::move(config)), output(output), client(std::move(client)) {
-    makeBareNameAbsolute(this->config.firmwareFile);
-    makeBareNameAbsolute(this->config.recoverSafeFile);
+ToolStateMachine::ToolStateMachine(ToolConfig runConfig, std::ostream& console,
+                                   std::shared_ptr<IWebsocketClient> serviceClient)
+    : config(std::move(runConfig)), output(console), client(std::move(serviceClient)) {
+    makeBareNameAbsolute(config.firmwareFile);
+    makeBareNameAbsolute(config.recoverSafeFile);
 }
 
 ToolStateMachine::~ToolStateMachine() = default;

@@ -44,7 +44,7 @@ public:
         Failed = 6,
     };
 
-    ToolStateMachine(ToolConfig config, std::ostream& output, std::shared_ptr<IWebsocketClient> client);
+    ToolStateMachine(ToolConfig runConfig, std::ostream& console, std::shared_ptr<IWebsocketClient> serviceClient);
     ~ToolStateMachine();
     ToolStateMachine(const ToolStateMachine&) = delete;
     ToolStateMachine& operator=(const ToolStateMachine&) = delete;

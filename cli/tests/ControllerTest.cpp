@@ -172,7 +172,7 @@ TEST_P(Controller, PrintsSendsAndEnds) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenarios, Controller, ::testing::ValuesIn(kScenarios),
-                         [](const ::testing::TestParamInfo<Scenario>& info) { return info.param.name; });
+                         [](const ::testing::TestParamInfo<Scenario>& row) { return row.param.name; });
 
 // A removal whose queue holds another name first never returns; the child ends by its alarm.
 TEST(ControllerDeathTest, RemovalBehindAnotherQueuedNameStalls) {

@@ -48,8 +48,8 @@ std::string orAny(const std::string& id) {
 
 } // namespace
 
-Service::Service(asio::io_context& io, const Options& options, Fleet fleet)
-    : io(io), options(options), fleet(std::move(fleet)) {
+Service::Service(asio::io_context& context, const Options& settings, Fleet served)
+    : io(context), options(settings), fleet(std::move(served)) {
     server.clear_access_channels(websocketpp::log::alevel::all);
     // Peers that vanish without a close handshake are routine here and the
     // library reports each as a write or read error; our own log already says

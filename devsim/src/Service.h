@@ -38,7 +38,7 @@ struct Options {
 
 class Service {
 public:
-    Service(asio::io_context& io, const Options& options, Fleet fleet);
+    Service(asio::io_context& context, const Options& settings, Fleet served);
 
     // Binds 127.0.0.1:port and starts accepting; returns the bound port.
     // Throws std::runtime_error when the port cannot be bound.

@@ -30,7 +30,7 @@ public:
         Json::Value message;
     };
 
-    void addState(IWebsocketClient::State next) { script.push_back(Event{true, next, Json::Value()}); }
+    void addState(IWebsocketClient::State reported) { script.push_back(Event{true, reported, Json::Value()}); }
     void addMessage(Json::Value message) { script.push_back(Event{false, Closed, std::move(message)}); }
 
     void addText(const std::string& text) { addMessage(parseJson(text)); }
