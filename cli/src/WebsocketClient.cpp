@@ -36,8 +36,8 @@ void WebsocketClient::disconnect() {
     outbox->stopWhenWritten();
 }
 
-WebsocketClient::Outbox::Outbox(Endpoint& endpoint)
-    : endpoint(endpoint), messages(std::make_shared<Config::con_msg_manager_type>()),
+WebsocketClient::Outbox::Outbox(Endpoint& owner)
+    : endpoint(owner), messages(std::make_shared<Config::con_msg_manager_type>()),
       framer(false, false, messages, rng) {}
 
 WebsocketClient::Endpoint::message_ptr WebsocketClient::Outbox::frame(const std::string& text) {

@@ -112,7 +112,7 @@ private:
     // connection empties it when it hands the whole queue to one write.
     class Outbox : public std::enable_shared_from_this<Outbox> {
     public:
-        explicit Outbox(Endpoint& endpoint);
+        explicit Outbox(Endpoint& owner);
         // A masked text frame, ready for the wire, counted until the connection drops it.
         Endpoint::message_ptr frame(const std::string& text);
         // Stops the loop now when nothing is held, otherwise once the last frame is released.
