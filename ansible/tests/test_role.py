@@ -1,0 +1,157 @@
+"""The built collection under the real ansible-playbook: three local hosts, each with its own devsim."""
+
+import json
+import os
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+import unittest
+
+COLLECTION = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+DEVUPDATE = os.environ.get("DEVUPDATE", "devupdate")
+DEVSIM = os.environ.get("DEVSIM", "devsim")
+TIMEOUT = 60  # seconds; ansible-playbook on a busy machine
+HOSTS = ("h1", "h2", "h3")
+FAILURE = {"failAt": 40, "errorReason": "Flash write error"}
+
+
+def fleet(host, sim):
+    """Two normal-mode devices and a safe-mode one; `sim` scripts the first device's jobs."""
+    acme = {"id": "acme", "name": "Acme"}
+    return [
+        {"name": host + "-panel", "manufacturer": acme, "sim": sim,
+         "product": {"id": "x100", "name": "X100 Controller", "version": "2.0.3"}},
+        {"name": host + "-gw", "manufacturer": {"id": "northwind", "name": "Northwind"},
+         "product": {"id": "nw200", "name": "NW-200 Gateway", "version": "4.1.0", "versionString": "4.1.0 (build 5512)"}},
+        {"name": host + "-dock", "manufacturer": acme, "isSafeModeDevice": True, "safeModeVersion": 2,
+         "product": {"id": "x100", "name": "X100 Controller", "version": "safe-2.4"}},
+    ]
+
+
+def listed(device):
+    """The fact the role should record for one fleet entry, before any job changed it."""
+    product = device["product"]
+    return {"name": device["name"], "mode": "safe" if device.get("isSafeModeDevice") else "normal",
+            "manufacturer": device["manufacturer"]["name"], "model": product["name"],
+            "version": product.get("versionString", product["version"])}
+
+
+class Sim:
+    def __init__(self, folder, host, devices):
+        self.log, self.record = (os.path.join(folder, host + ext) for ext in (".log", ".rec"))
+        with open(os.path.join(folder, host + ".json"), "w") as f:
+            json.dump(devices, f)
+        with open(self.log, "wb") as log:
+            self.proc = subprocess.Popen([DEVSIM, "--port=0", "--tick-ms=0", "--progress-steps=2",
+                                          "--fleet=" + f.name, "--record=" + self.record],
+                                         stdout=subprocess.PIPE, stderr=log)
+        line = self.proc.stdout.readline().decode()
+        self.port = int(re.fullmatch(r"devsim listening on 127\.0\.0\.1:(\d+)\n", line).group(1))
+
+    def requests(self):
+        """(msg, device) of every frame received, once every client that came has gone."""
+        deadline = time.monotonic() + TIMEOUT
+        while time.monotonic() < deadline:
+            with open(self.log) as f:
+                log = f.read()
+            if log.count(" connected from ") == log.count(" gone ("):
+                break
+            time.sleep(0.01)
+        with open(self.record) as f:
+            return [(frame["msg"], frame.get("device")) for frame in map(json.loads, f.read().splitlines())]
+
+    def stop(self):
+        self.proc.send_signal(signal.SIGTERM)
+        self.proc.stdout.close()
+        return self.proc.wait(TIMEOUT)
+
+
+def setUpModule():
+    """The collection as an operator gets it: built into a tarball, installed into a private path."""
+    global SCRATCH, ENV
+    SCRATCH = os.path.realpath(tempfile.mkdtemp(prefix="devupdate-ansible-"))
+    # Everything ansible keeps between runs stays in the scratch folder.
+    ENV = dict(os.environ, HOME=SCRATCH, ANSIBLE_HOME=os.path.join(SCRATCH, "ansible"),
+               ANSIBLE_LOCAL_TEMP=os.path.join(SCRATCH, "local"), ANSIBLE_REMOTE_TEMP=os.path.join(SCRATCH, "remote"),
+               ANSIBLE_COLLECTIONS_PATH=os.path.join(SCRATCH, "collections"), ANSIBLE_CONFIG=os.path.join(SCRATCH, "ansible.cfg"),
+               ANSIBLE_STDOUT_CALLBACK="batches",
+               ANSIBLE_CALLBACK_PLUGINS=os.path.join(os.path.dirname(os.path.abspath(__file__)), "callbacks"), ANSIBLE_NOCOLOR="1", ANSIBLE_RETRY_FILES_ENABLED="0", ANSIBLE_PIPELINING="1")
+    open(ENV["ANSIBLE_CONFIG"], "w").close()
+    for args in (["build", COLLECTION, "--output-path", SCRATCH],
+                 ["install", os.path.join(SCRATCH, "devupdate-fleet-1.0.0.tar.gz"), "-p", ENV["ANSIBLE_COLLECTIONS_PATH"]]):
+        subprocess.run(["ansible-galaxy", "collection", *args], env=ENV, cwd=SCRATCH, check=True,
+                       stdout=subprocess.DEVNULL, timeout=TIMEOUT)
+
+
+def tearDownModule():
+    shutil.rmtree(SCRATCH, True)
+
+
+# The example rollout playbook over h1, h2, h3 in that order. Per row: extra arguments, the
+# host whose first device fails its job, the batches that ran, and per host the requests
+# its devsim received (nothing at all for a host that did not take part).
+ROWS = [
+    ("one host per batch", ["-e", "batch=1"], None, [["h1"], ["h2"], ["h3"]],
+     {h: [("upgrade", h + "-panel")] for h in HOSTS}),
+    ("batches of two", ["-e", "batch=2"], None, [["h1", "h2"], ["h3"]],
+     {h: [("upgrade", h + "-panel")] for h in HOSTS}),
+    ("every device, rebooted", ["-e", "batch=3", "-e", '{"devupdate_all": true, "devupdate_reboot": true}'], None,
+     [list(HOSTS)], {h: [("upgrade", h + "-panel"), ("reboot", h + "-panel"),
+                         ("upgrade", h + "-gw"), ("reboot", h + "-gw")] for h in HOSTS}),
+    ("a failed job ends the rollout", ["-e", "batch=1"], "h2", [["h1"], ["h2"]],
+     {"h1": [("upgrade", "h1-panel")], "h2": [("upgrade", "h2-panel")], "h3": []}),
+    ("a failed job ends its batch's rollout", ["-e", "batch=2"], "h1", [["h1", "h2"]],
+     {"h1": [("upgrade", "h1-panel")], "h2": [("upgrade", "h2-panel")], "h3": []}),
+    ("check mode sends nothing", ["-e", "batch=2", "--check"], None, [["h1", "h2"], ["h3"]],
+     {h: [] for h in HOSTS}),
+]
+
+
+class Rollout(unittest.TestCase):
+    def run_row(self, args, failing, batches, requests):
+        folder = tempfile.mkdtemp(dir=SCRATCH)
+        fleets = {h: fleet(h, FAILURE if h == failing else {}) for h in HOSTS}
+        sims = {h: Sim(folder, h, fleets[h]) for h in HOSTS}
+        for sim in sims.values():
+            self.addCleanup(lambda sim=sim: self.assertEqual(sim.stop(), 0, "devsim did not stop cleanly"))
+        with open(os.path.join(folder, "fw.bin"), "w") as f:
+            f.write("DEVFW1 version=2.1.0\n")
+        with open(os.path.join(folder, "hosts"), "w") as f:
+            f.write("[benches]\n" + "".join("%s devupdate_port=%d\n" % (h, sims[h].port) for h in HOSTS))
+            # The tool is there, so the package named here must never be looked at.
+            f.write("[benches:vars]\nansible_connection=local\nansible_python_interpreter={{ ansible_playbook_python }}\n"
+                    "devupdate_command=%s\ndevupdate_deb=/nonexistent/devupdate.deb\n"
+                    "devupdate_image_dir=%s/{{ inventory_hostname }}\n" % (DEVUPDATE, folder))
+
+        run = subprocess.run(["ansible-playbook", "-i", "hosts", "devupdate.fleet.rollout", "-e", "image=fw.bin", *args],
+                             cwd=folder, env=ENV, capture_output=True, text=True, timeout=TIMEOUT)
+        self.assertEqual(run.returncode, 2 if failing else 0, run.stderr)
+        results = json.loads(run.stdout)
+
+        self.assertEqual([sorted(batch) for batch in results], batches)
+        self.assertEqual({h: sims[h].requests() for h in HOSTS}, requests)
+        for h in sum(batches, []):
+            result = next(batch[h] for batch in results if h in batch)
+            self.assertEqual(result["Record the devices and those the job would serve"]["ansible_facts"]["devupdate_devices"],
+                             [dict(listed(d), line="%s,%s,%s,%s" % tuple(listed(d)[k] for k in ("name", "manufacturer", "model", "version")))
+                              for d in fleets[h]])
+            job, report = result["Run the job"], result["Report what the job would do"]
+            ran = bool(requests[h])
+            self.assertEqual((job.get("changed", False), job.get("failed", False), report.get("changed", False)),
+                             (ran, h == failing, "--check" in args))
+            if h == failing:
+                self.assertIn("Flash write error", job["stdout"])
+            if "--check" in args:
+                self.assertEqual(report["msg"], "update would serve: %s-panel" % h)
+
+    def test_rollouts(self):
+        for name, *row in ROWS:
+            with self.subTest(name):
+                self.run_row(*row)
+
+
+if __name__ == "__main__":
+    unittest.main()
