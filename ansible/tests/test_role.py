@@ -96,8 +96,6 @@ def tearDownModule():
 ROWS = [
     ("one host per batch", ["-e", "batch=1"], None, [["h1"], ["h2"], ["h3"]],
      {h: [("upgrade", h + "-panel")] for h in HOSTS}),
-    ("batches of two", ["-e", "batch=2"], None, [["h1", "h2"], ["h3"]],
-     {h: [("upgrade", h + "-panel")] for h in HOSTS}),
     ("every device, rebooted", ["-e", "batch=3", "-e", '{"devupdate_all": true, "devupdate_reboot": true}'], None,
      [list(HOSTS)], {h: [("upgrade", h + "-panel"), ("reboot", h + "-panel"),
                          ("upgrade", h + "-gw"), ("reboot", h + "-gw")] for h in HOSTS}),
