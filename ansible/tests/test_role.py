@@ -2,71 +2,44 @@
 
 import json
 import os
-import re
 import shutil
-import signal
 import subprocess
+import sys
 import tempfile
-import time
 import unittest
 
 COLLECTION = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 DEVUPDATE = os.environ.get("DEVUPDATE", "devupdate")
-DEVSIM = os.environ.get("DEVSIM", "devsim")
+sys.path.insert(0, os.path.join(os.path.dirname(COLLECTION), "e2e"))
+from test_devupdate import Sim  # noqa: E402  (a devsim on an ephemeral port that records what it receives)
+
 TIMEOUT = 60  # seconds; ansible-playbook on a busy machine
 HOSTS = ("h1", "h2", "h3")
 FAILURE = {"failAt": 40, "errorReason": "Flash write error"}
 
 
 def fleet(host, sim):
-    """Two normal-mode devices and a safe-mode one; `sim` scripts the first device's jobs."""
-    acme = {"id": "acme", "name": "Acme"}
+    """Per device: what devsim serves and the fact the role should record; `sim` scripts the panel's jobs."""
+    acme, x100 = {"id": "acme", "name": "Acme"}, {"id": "x100", "name": "X100 Controller"}
     return [
-        {"name": host + "-panel", "manufacturer": acme, "sim": sim,
-         "product": {"id": "x100", "name": "X100 Controller", "version": "2.0.3"}},
-        {"name": host + "-gw", "manufacturer": {"id": "northwind", "name": "Northwind"},
-         "product": {"id": "nw200", "name": "NW-200 Gateway", "version": "4.1.0", "versionString": "4.1.0 (build 5512)"}},
-        {"name": host + "-dock", "manufacturer": acme, "isSafeModeDevice": True, "safeModeVersion": 2,
-         "product": {"id": "x100", "name": "X100 Controller", "version": "safe-2.4"}},
+        ({"name": host + "-panel", "manufacturer": acme, "product": dict(x100, version="2.0.3"), "sim": sim},
+         fact("normal", host + "-panel,Acme,X100 Controller,2.0.3", host + "-panel", "Acme", "X100 Controller", "2.0.3")),
+        ({"name": host + "-gw", "manufacturer": {"id": "northwind", "name": "Northwind"},
+          "product": {"id": "nw200", "name": "NW-200 Gateway", "version": "4.1.0", "versionString": "4.1.0 (build 5512)"}},
+         fact("normal", host + "-gw,Northwind,NW-200 Gateway,4.1.0 (build 5512)",
+              host + "-gw", "Northwind", "NW-200 Gateway", "4.1.0 (build 5512)")),
+        # No version: printed as "?".
+        ({"name": host + "-dock", "manufacturer": acme, "product": x100, "isSafeModeDevice": True, "safeModeVersion": 2},
+         fact("safe", host + "-dock,Acme,X100 Controller,?", host + "-dock", "Acme", "X100 Controller", None)),
+        # A comma in a value: the line cannot be split.
+        ({"name": host + "-yard", "manufacturer": {"id": "contoso", "name": "Contoso, Ltd."}, "product": {"version": "1.0"},
+          "isSafeModeDevice": True, "safeModeVersion": 1},
+         fact("failsafe", host + "-yard,Contoso, Ltd.,?,1.0", None, None, None, None)),
     ]
 
 
-def listed(device):
-    """The fact the role should record for one fleet entry, before any job changed it."""
-    product = device["product"]
-    return {"name": device["name"], "mode": "safe" if device.get("isSafeModeDevice") else "normal",
-            "manufacturer": device["manufacturer"]["name"], "model": product["name"],
-            "version": product.get("versionString", product["version"])}
-
-
-class Sim:
-    def __init__(self, folder, host, devices):
-        self.log, self.record = (os.path.join(folder, host + ext) for ext in (".log", ".rec"))
-        with open(os.path.join(folder, host + ".json"), "w") as f:
-            json.dump(devices, f)
-        with open(self.log, "wb") as log:
-            self.proc = subprocess.Popen([DEVSIM, "--port=0", "--tick-ms=0", "--progress-steps=2",
-                                          "--fleet=" + f.name, "--record=" + self.record],
-                                         stdout=subprocess.PIPE, stderr=log)
-        line = self.proc.stdout.readline().decode()
-        self.port = int(re.fullmatch(r"devsim listening on 127\.0\.0\.1:(\d+)\n", line).group(1))
-
-    def requests(self):
-        """(msg, device) of every frame received, once every client that came has gone."""
-        deadline = time.monotonic() + TIMEOUT
-        while time.monotonic() < deadline:
-            with open(self.log) as f:
-                log = f.read()
-            if log.count(" connected from ") == log.count(" gone ("):
-                break
-            time.sleep(0.01)
-        with open(self.record) as f:
-            return [(frame["msg"], frame.get("device")) for frame in map(json.loads, f.read().splitlines())]
-
-    def stop(self):
-        self.proc.send_signal(signal.SIGTERM)
-        self.proc.stdout.close()
-        return self.proc.wait(TIMEOUT)
+def fact(mode, line, name, manufacturer, model, version):
+    return {"mode": mode, "line": line, "name": name, "manufacturer": manufacturer, "model": model, "version": version}
 
 
 def setUpModule():
@@ -112,7 +85,11 @@ class Rollout(unittest.TestCase):
     def run_row(self, args, failing, batches, requests):
         folder = tempfile.mkdtemp(dir=SCRATCH)
         fleets = {h: fleet(h, FAILURE if h == failing else {}) for h in HOSTS}
-        sims = {h: Sim(folder, h, fleets[h]) for h in HOSTS}
+        sims = {}
+        for h in HOSTS:
+            with open(os.path.join(folder, h + ".json"), "w") as f:
+                json.dump([device for device, _ in fleets[h]], f)
+            sims[h] = Sim(folder, ["--fleet=" + f.name])
         for sim in sims.values():
             self.addCleanup(lambda sim=sim: self.assertEqual(sim.stop(), 0, "devsim did not stop cleanly"))
         with open(os.path.join(folder, "fw.bin"), "w") as f:
@@ -130,12 +107,14 @@ class Rollout(unittest.TestCase):
         results = json.loads(run.stdout)
 
         self.assertEqual([sorted(batch) for batch in results], batches)
-        self.assertEqual({h: sims[h].requests() for h in HOSTS}, requests)
+        # Every host in a batch ran a listing; those with requests a job too.
+        frames = {h: sims[h].frames((h in sum(batches, [])) + bool(requests[h])) for h in HOSTS}
+        self.assertEqual({h: [(f["msg"], f.get("device")) for f in map(json.loads, frames[h].splitlines())]
+                          for h in HOSTS}, requests)
         for h in sum(batches, []):
             result = next(batch[h] for batch in results if h in batch)
             self.assertEqual(result["Record the devices and those the job would serve"]["ansible_facts"]["devupdate_devices"],
-                             [dict(listed(d), line="%s,%s,%s,%s" % tuple(listed(d)[k] for k in ("name", "manufacturer", "model", "version")))
-                              for d in fleets[h]])
+                             [expected for _, expected in fleets[h]])
             job, report = result["Run the job"], result["Report what the job would do"]
             ran = bool(requests[h])
             self.assertEqual((job.get("changed", False), job.get("failed", False), report.get("changed", False)),
