@@ -13,7 +13,7 @@ DEVUPDATE = os.environ.get("DEVUPDATE", "devupdate")
 sys.path.insert(0, os.path.join(os.path.dirname(COLLECTION), "e2e"))
 from test_devupdate import Sim  # noqa: E402  (a devsim on an ephemeral port that records what it receives)
 
-TIMEOUT = 60  # seconds; ansible-playbook on a busy machine
+TIMEOUT = 120  # seconds; rows of ansible-playbook side by side on a busy machine
 HOSTS = ("h1", "h2", "h3")
 FAILURE = {"failAt": 40, "errorReason": "Flash write error"}
 
@@ -82,7 +82,8 @@ ROWS = [
 
 
 class Rollout(unittest.TestCase):
-    def run_row(self, args, failing, batches, requests):
+    def start(self, args, failing):
+        """Three devsims and the rollout playbook against them, left running."""
         folder = tempfile.mkdtemp(dir=SCRATCH)
         fleets = {h: fleet(h, FAILURE if h == failing else {}) for h in HOSTS}
         sims = {}
@@ -101,10 +102,17 @@ class Rollout(unittest.TestCase):
                     "devupdate_command=%s\ndevupdate_deb=/nonexistent/devupdate.deb\n"
                     "devupdate_image_dir=%s/{{ inventory_hostname }}\n" % (DEVUPDATE, folder))
 
-        run = subprocess.run(["ansible-playbook", "-i", "hosts", "devupdate.fleet.rollout", "-e", "image=fw.bin", *args],
-                             cwd=folder, env=ENV, capture_output=True, text=True, timeout=TIMEOUT)
-        self.assertEqual(run.returncode, 2 if failing else 0, run.stderr)
-        results = json.loads(run.stdout)
+        with open(os.path.join(folder, "out"), "w") as out, open(os.path.join(folder, "err"), "w") as err:
+            play = subprocess.Popen(["ansible-playbook", "-i", "hosts", "devupdate.fleet.rollout", "-e", "image=fw.bin",
+                                     *args], cwd=folder, env=ENV, stdout=out, stderr=err)
+        self.addCleanup(play.kill)
+        return play, folder, sims, fleets
+
+    def check(self, started, args, failing, batches, requests):
+        play, folder, sims, fleets = started
+        with open(os.path.join(folder, "out")) as out, open(os.path.join(folder, "err")) as err:
+            self.assertEqual(play.wait(TIMEOUT), 2 if failing else 0, err.read())
+            results = json.load(out)
 
         self.assertEqual([sorted(batch) for batch in results], batches)
         # Every host in a batch ran a listing; those with requests a job too.
@@ -125,9 +133,11 @@ class Rollout(unittest.TestCase):
                 self.assertEqual(report["msg"], "update would serve: %s-panel" % h)
 
     def test_rollouts(self):
-        for name, *row in ROWS:
+        # The rows run side by side: each has its own devsims and folder.
+        started = [self.start(args, failing) for _, args, failing, *_ in ROWS]
+        for (name, *row), row_started in zip(ROWS, started):
             with self.subTest(name):
-                self.run_row(*row)
+                self.check(row_started, *row)
 
 
 if __name__ == "__main__":
