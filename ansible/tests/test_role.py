@@ -50,8 +50,8 @@ def setUpModule():
     ENV = dict(os.environ, HOME=SCRATCH, ANSIBLE_HOME=os.path.join(SCRATCH, "ansible"),
                ANSIBLE_LOCAL_TEMP=os.path.join(SCRATCH, "local"), ANSIBLE_REMOTE_TEMP=os.path.join(SCRATCH, "remote"),
                ANSIBLE_COLLECTIONS_PATH=os.path.join(SCRATCH, "collections"), ANSIBLE_CONFIG=os.path.join(SCRATCH, "ansible.cfg"),
-               ANSIBLE_STDOUT_CALLBACK="batches",
-               ANSIBLE_CALLBACK_PLUGINS=os.path.join(os.path.dirname(os.path.abspath(__file__)), "callbacks"), ANSIBLE_NOCOLOR="1", ANSIBLE_RETRY_FILES_ENABLED="0", ANSIBLE_PIPELINING="1")
+               ANSIBLE_STDOUT_CALLBACK="batches", ANSIBLE_CALLBACK_PLUGINS=os.path.join(COLLECTION, "tests", "callbacks"),
+               ANSIBLE_NOCOLOR="1", ANSIBLE_RETRY_FILES_ENABLED="0", ANSIBLE_PIPELINING="1")
     open(ENV["ANSIBLE_CONFIG"], "w").close()
     for args in (["build", COLLECTION, "--output-path", SCRATCH],
                  ["install", os.path.join(SCRATCH, "devupdate-fleet-1.0.0.tar.gz"), "-p", ENV["ANSIBLE_COLLECTIONS_PATH"]]):
