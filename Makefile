@@ -5,9 +5,10 @@ BUILD ?= build
 JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
 
 # Debian packages the build, the tests (python3 runs the end-to-end journeys, mandoc,
-# groff and man lint the man pages, bash-completion runs the completion) and the demo need.
+# groff and man lint the man pages, bash-completion runs the completion, ansible-core and
+# ansible-lint test the Ansible collection) and the demo need.
 PACKAGES := g++ cmake make python3 libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev libgmock-dev \
-            mandoc groff-base man-db bash-completion
+            mandoc groff-base man-db bash-completion ansible-core ansible-lint
 
 .PHONY: all deps build test demo bench clean build-sanitize test-sanitize fuzz-deps fuzz fuzz-smoke \
         install package-deps package package-check
@@ -54,7 +55,8 @@ install: build
 	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
 
 # Two .deb files in $(BUILD): devupdate and devsim. dpkg-shlibdeps (dpkg-dev) finds
-# their dependencies, with the help of file; lintian checks the result.
+# their dependencies, with the help of file; lintian checks the result. Next to them,
+# the Ansible collection's tarball.
 PACKAGE_PACKAGES := dpkg-dev file lintian
 
 package-deps:
@@ -62,6 +64,7 @@ package-deps:
 
 package: package-deps build
 	cmake --build $(BUILD) --target package
+	ansible-galaxy collection build ansible --output-path $(BUILD) --force
 
 # The packages' file lists, fields and lintian (errors fail; warnings are shown).
 package-check: package
