@@ -54,8 +54,9 @@ install: build
 	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
 
 # Two .deb files in $(BUILD): devupdate and devsim. dpkg-shlibdeps (dpkg-dev) finds
-# their dependencies, with the help of file; lintian checks the result.
-PACKAGE_PACKAGES := dpkg-dev file lintian
+# their dependencies, with the help of file; lintian and hardening-check (devscripts)
+# check the result. The build takes its hardening flags from dpkg-buildflags (dpkg-dev).
+PACKAGE_PACKAGES := dpkg-dev file lintian devscripts
 
 package-deps:
 	@$(MAKE) --no-print-directory deps EXTRA_PACKAGES="$(PACKAGE_PACKAGES)"
@@ -63,9 +64,11 @@ package-deps:
 package: package-deps build
 	cmake --build $(BUILD) --target package
 
-# The packages' file lists, fields and lintian (errors fail; warnings are shown).
+# The packages' file lists, fields, lintian (any tag fails) and hardening-check; then the
+# same sources copied to another folder and packaged again must give identical .debs.
 package-check: package
 	bash e2e/test_install.sh $(BUILD) $(BUILD)/e2e/stage package
+	JOBS=$(JOBS) bash e2e/test_install.sh $(BUILD) $(BUILD)/e2e/stage reproducible
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
