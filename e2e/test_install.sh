@@ -26,6 +26,10 @@ stage)
 files)
     got=$(cd "$stage" && find . ! -type d -printf '%P\n' | LC_ALL=C sort)
     [[ $got == "$want" ]] || fail "installed files:"$'\n'"$(diff <(echo "$want") <(echo "$got"))"
+    # The installed READMEs are for package users: no build commands, no source-tree paths.
+    for doc in "$stage"/usr/share/doc/*/README.md; do
+        ! grep -nE 'make (demo|build|test|install|package)|cmake|build/|fleets/|docs/' "$doc" || fail "$doc talks about the source tree"
+    done
     # No arguments is a missing action; an unknown one, such as --help, gets the usage text.
     status() { "$bin/devupdate" "$@" >"$tmp/out" || echo $?; }
     [[ $(status) == 1 && $(<"$tmp/out") == "Error: One of either --list, --file, --recover-safe or \
@@ -45,7 +49,16 @@ man)
             [[ $option == *= ]] && w= || w=w
             grep -qF$w -- "$option" <<<"$text" || fail "$page.1 does not describe $option"
         done
-    done ;;
+    done
+    # devsim's rehearsal, run line by line as printed (on a free port), ends with status 0.
+    example=$(sed -n '/^EXAMPLES/,/^SEE ALSO/p' <<<"$text" | sed -n '/ devsim --port=7071 &$/,/ kill %1$/p')
+    [[ $example == *devupdate* ]] || fail "devsim.1: no rehearsal in EXAMPLES"
+    "$bin/devsim" --port=0 --tick-ms=0 >"$tmp/listening" 2>/dev/null &
+    for _ in {1..100}; do [[ $(cat "$tmp/listening" 2>&1) =~ :([0-9]+)$ ]] && break || sleep 0.05; done
+    port=${BASH_REMATCH[1]?devsim did not start}
+    (cd "$tmp" && PATH=$bin:$PATH && while read -r line; do
+        [[ $line == devsim\ * || $line == kill\ * ]] || eval "${line//7071/$port}" >/dev/null || exit
+     done <<<"$example") || fail "devsim.1's rehearsal ended with status $?" ;;
 completion)
     source /usr/share/bash-completion/bash_completion
     source "$stage/usr/share/bash-completion/completions/devupdate"
