@@ -55,9 +55,10 @@ install: build
 	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
 
 # Two .deb files in $(BUILD): devupdate and devsim. dpkg-shlibdeps (dpkg-dev) finds
-# their dependencies, with the help of file; lintian checks the result. Next to them,
-# the Ansible collection's tarball.
-PACKAGE_PACKAGES := dpkg-dev file lintian
+# their dependencies, with the help of file; lintian and hardening-check (devscripts)
+# check the result. The build takes its hardening flags from dpkg-buildflags (dpkg-dev).
+# Next to them, the Ansible collection's tarball.
+PACKAGE_PACKAGES := dpkg-dev file lintian devscripts
 
 package-deps:
 	@$(MAKE) --no-print-directory deps EXTRA_PACKAGES="$(PACKAGE_PACKAGES)"
@@ -66,9 +67,11 @@ package: package-deps build
 	cmake --build $(BUILD) --target package
 	ansible-galaxy collection build ansible --output-path $(BUILD) --force
 
-# The packages' file lists, fields and lintian (errors fail; warnings are shown).
+# The packages' file lists, fields, lintian (any tag fails) and hardening-check; then the
+# same sources copied to another folder and packaged again must give identical .debs.
 package-check: package
 	bash e2e/test_install.sh $(BUILD) $(BUILD)/e2e/stage package
+	JOBS=$(JOBS) bash e2e/test_install.sh $(BUILD) $(BUILD)/e2e/stage reproducible
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
