@@ -102,6 +102,26 @@ void WebsocketClient::sendMessage(Json::Value message) {
 
 void WebsocketClient::run() {
     client.run();
+    discardUnread();
+}
+
+void WebsocketClient::discardUnread() {
+    // Closing a socket that still holds unread bytes aborts the connection, and an abort
+    // throws away whatever the socket has not sent yet: the last frames of a run would
+    // never reach a service that was still answering the earlier ones. What has arrived
+    // after the loop stopped is read and dropped here, so that the socket ends with an
+    // ordinary close and keeps sending what it holds.
+    websocketpp::lib::error_code ec;
+    Endpoint::connection_ptr con = client.get_con_from_hdl(connection, ec);
+    if (!con) {
+        return;
+    }
+    asio::ip::tcp::socket& socket = con->get_raw_socket();
+    asio::error_code readError;
+    socket.non_blocking(true, readError);
+    char unread[65536];
+    while (!readError && socket.read_some(asio::buffer(unread), readError) > 0) {
+    }
 }
 
 void WebsocketClient::onMessageHandler(websocketpp::connection_hdl, Endpoint::message_ptr message) {

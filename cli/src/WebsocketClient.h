@@ -105,6 +105,8 @@ public:
     void onFailHandler(websocketpp::connection_hdl hdl);
 
 private:
+    void discardUnread();
+
     // The frames handed to the connection and not yet released by it. The connection
     // lets go of a frame only once the transport has finished writing the batch that
     // holds it (or the connection is gone), so a stop that waits for the count to reach
