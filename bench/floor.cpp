@@ -14,6 +14,7 @@
 #include <websocketpp/client.hpp>
 #include <websocketpp/config/asio_no_tls_client.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -87,7 +88,10 @@ private:
         const char* name = text(d, "name");
         if (!*mode || !*name)
             return;
-        std::string line = std::string(event) + '[' + mode + "]: ";
+        line.assign(event);
+        line += '[';
+        line += mode;
+        line += "]: ";
         if (line.size() < 17)
             line.append(17 - line.size(), ' ');
         const Json::Value& product = member(d, "product");
@@ -103,15 +107,27 @@ private:
         emit(line);
     }
 
-    std::string bar(int percent, const char* status) {
+    // "\rUpdating NAME : [===>    ] P%[ - STATUS]", assembled in one reused buffer.
+    const std::string& bar(const char* start, int percent, const char* status, const char* end = "") {
         const int head = static_cast<int>(percent * 50 / 100.0);
-        std::string s = "Updating " + job + " : [";
-        for (int i = 0; i < 50; ++i)
-            s += i < head ? '=' : i == head ? '>' : ' ';
-        s += "] " + std::to_string(percent) + '%';
-        if (*status)
-            s += std::string(" - ") + status;
-        return s;
+        line.assign(start);
+        line += "Updating ";
+        line += job;
+        line += " : [";
+        const int filled = std::clamp(head, 0, 50);
+        line.append(static_cast<size_t>(filled), '=');
+        if (head == filled && head < 50)
+            line += '>';
+        line.append(static_cast<size_t>(head == filled && head < 50 ? 49 - head : 50 - filled), ' ');
+        line += "] ";
+        line += std::to_string(percent);
+        line += '%';
+        if (*status) {
+            line += " - ";
+            line += status;
+        }
+        line += end;
+        return line;
     }
 
     void onDevices(const Json::Value& devices) {
@@ -142,7 +158,7 @@ private:
         request["filePath"] = path.string();
         request["override"] = "false";
         client.send(hdl, Json::FastWriter().write(request), websocketpp::frame::opcode::text);
-        emit(bar(0, ""));
+        emit(bar("", 0, ""));
     }
 
     void onProgress(const Json::Value& m) {
@@ -150,28 +166,28 @@ private:
             return;
         const Json::Value& progress = member(m, "progress");
         const int percent = static_cast<int>(std::lround(progress.isNumeric() ? progress.asDouble() : 0.0));
-        const std::string status = text(m, "status");
-        if (status == "Done") {
-            emit('\r' + bar(100, "SUCCESS") + '\n');
+        const char* status = text(m, "status");
+        if (!std::strcmp(status, "Done")) {
+            emit(bar("\r", 100, "SUCCESS", "\n"));
             finish(0);
-        } else if (m.isMember("error") || status == "Fail") {
+        } else if (m.isMember("error") || !std::strcmp(status, "Fail")) {
             const char* reason = text(m, "ErrorReason");
-            emit('\r' + bar(percent, *reason ? reason : "FAILED") + '\n');
+            emit(bar("\r", percent, *reason ? reason : "FAILED", "\n"));
             finish(1);
         } else {
-            emit('\r' + bar(percent, ""));
+            emit(bar("\r", percent, ""));
         }
     }
 
     void onMessage(const Json::Value& m) {
-        const std::string kind = text(m, "msg");
-        if (kind == "devices") {
+        const char* kind = text(m, "msg");
+        if (!std::strcmp(kind, "devices")) {
             onDevices(m["devices"]);
-        } else if (kind == "upgrade_progress") {
+        } else if (!std::strcmp(kind, "upgrade_progress")) {
             onProgress(m);
-        } else if (list && longLived && kind == "device_added") {
+        } else if (list && longLived && !std::strcmp(kind, "device_added")) {
             deviceLine("Found", m["device"]);
-        } else if (list && longLived && kind == "device_removed") {
+        } else if (list && longLived && !std::strcmp(kind, "device_removed")) {
             deviceLine("Lost", m["device"]);
         }
     }
@@ -183,7 +199,8 @@ private:
     Client client;
     websocketpp::connection_hdl hdl;
     std::string job;
-    int status = 1; // stays 1 when the service goes first
+    std::string line; // the line or bar being printed
+    int status = 1;   // stays 1 when the service goes first
 };
 
 } // namespace
