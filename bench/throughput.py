@@ -24,7 +24,8 @@ Options:
   --runs=N          timed runs per client and case (5)
   --callgrind=DIR   instead of timing, run each client once under valgrind's callgrind and
                     print instruction counts; profiles, outputs and each profile's top
-                    functions go to DIR (default cases then: list-10000 storm-20000 live-2000)
+                    functions go to DIR (default cases then: list-10000 storm-20000 live-2000;
+                    valgrind comes from Debian: apt-get install valgrind)
 """
 import os
 import re
