@@ -12,11 +12,12 @@ Cases (default: list-10000 list-84879 storm-100000 live-10000):
             again; devsim then closes, which ends both clients with status 1
 
 Every run gets a fresh devsim whose list is already serialised (devsim does that before it
-listens) and that has served one connection. The tool's and the floor's output and exit
-status must be the same, byte for byte, in every run. Prints, per case and client, the
-median wall time, the median CPU time (user + system) and the largest peak RSS (from GNU
-time where there is one), and the tool / floor ratios. In a storm or a live run devsim does more work per message than
-either client, so their wall times mostly measure devsim: compare CPU times there.
+listens) and that has served one connection. The two clients take turns, and their output
+and exit status must be the same, byte for byte, in every run. Prints, per case and
+client, the median wall time, the median CPU time (user + system) and the largest peak RSS
+(from GNU time where there is one), and the tool / floor ratios. In a storm or a live run
+devsim does more work per message than either client, so wall times there mostly measure
+devsim: compare CPU times.
 
 Options:
   --build=DIR       build folder holding cli/devupdate, devsim/devsim, bench/floor (build)
@@ -172,14 +173,14 @@ def main():
             sim_args, client_args, drives = scenario(case)
             expected = None
             runs = 1 if cg_dir else opts["runs"]
-            for name, binary in clients:
-                samples = []
-                for i in range(runs):
+            # Round by round, so that a change in the machine's other load falls on both.
+            for i in range(runs):
+                for name, binary in clients:
                     sim = Devsim(devsim, sim_args, folder)
                     command = [binary, *client_args, "--port=" + sim.port]
                     out_path = os.path.join(cg_dir or folder, "%s.%s.out" % (case, name))
+                    profile = os.path.join(cg_dir or folder, "%s.%s.cg" % (case, name))
                     if cg_dir:
-                        profile = os.path.join(cg_dir, "%s.%s.cg" % (case, name))
                         command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=" + profile,
                                    "--log-file=" + profile + ".log", *command]
                     try:
@@ -193,16 +194,15 @@ def main():
                     if expected is None:
                         expected = got
                     elif got != expected:
-                        sys.exit("%s: %s run %d differs from the first run (exit %d against %d)"
+                        sys.exit("%s: %s run %d differs from the tool's first run (exit %d against %d)"
                                  % (case, name, i + 1, got[0], expected[0]))
-                    samples.append(sample)
-                if cg_dir:
-                    log = open(profile + ".log").read()
-                    samples = [int(re.search(r"Collected : (\d+)", log).group(1))]
-                    with open(profile + ".top", "w") as top:
-                        subprocess.run(["callgrind_annotate", "--inclusive=no", profile], stdout=top,
-                                       stderr=subprocess.DEVNULL)
-                results[case, name] = samples
+                    if cg_dir:
+                        log = open(profile + ".log").read()
+                        sample = int(re.search(r"Collected : (\d+)", log).group(1))
+                        with open(profile + ".top", "w") as top:
+                            subprocess.run(["callgrind_annotate", "--inclusive=no", profile], stdout=top,
+                                           stderr=subprocess.DEVNULL)
+                    results.setdefault((case, name), []).append(sample)
             if case.startswith("list"):
                 print("%s: one list message of %d bytes (limit %d), %d output lines"
                       % (case, sim.list_bytes, LIMIT, expected[1][1]))
