@@ -46,8 +46,10 @@ test: build
 demo: build
 	bash demo/demo.sh $(BUILD)
 
+# The second line is a short throughput check; docs/performance.md has the full runs.
 bench: build
 	$(BUILD)/bench/devupdate_bench
+	python3 bench/throughput.py --build=$(BUILD) --runs=3 list-10000 storm-20000 live-2000
 
 # `make install PREFIX=/usr DESTDIR=/tmp/root` stages an install as a package would.
 PREFIX ?= /usr/local

@@ -1,0 +1,228 @@
+// floor: the least work a client on devupdate's own stack can do for the throughput
+// cases, and so the reference the tool is measured against. Same transport as the tool
+// (websocketpp's asio_client, access log off, default message size limit), one jsoncpp
+// reader built once, and the same bytes on stdout with one write and one flush per
+// device line and per progress bar, as the tool must make. No filters, no queues, no
+// state machine: it is called like the tool,
+//
+//   floor --port=P --list [--long-lived]     device lines ("Found[Normal]: ...")
+//   floor --port=P --file=FW                 upgrade the first normal-mode device
+//
+// and ends with the tool's exit status: 0 after the list or a "Done", 1 after a failed
+// job or when the service goes first (which is how a long-lived run ends).
+#include <json/json.h>
+#include <websocketpp/client.hpp>
+#include <websocketpp/config/asio_no_tls_client.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace {
+
+using Client = websocketpp::client<websocketpp::config::asio_client>;
+
+const Json::Value& member(const Json::Value& v, const char* key) {
+    return v.isObject() ? v[key] : Json::Value::nullSingleton();
+}
+
+const char* text(const Json::Value& v, const char* key, const char* fallback = "") {
+    const Json::Value& m = member(v, key);
+    return m.isString() ? m.asCString() : fallback;
+}
+
+// The mode word of a device's label; empty for a device the tool never shows.
+const char* modeWord(const Json::Value& device) {
+    const Json::Value& safe = member(device, "isSafeModeDevice");
+    if (!safe.isBool() || !safe.asBool())
+        return "Normal";
+    const Json::Value& version = member(device, "safeModeVersion");
+    if (!version.isInt() || version.asInt() == 0)
+        return "";
+    return version.asInt() == 1 ? "Failsafe" : "Safe";
+}
+
+void emit(const std::string& s) {
+    std::fwrite(s.data(), 1, s.size(), stdout);
+    std::fflush(stdout);
+}
+
+class Floor {
+public:
+    Floor(int port, bool list, bool longLived, std::string file)
+        : port(port), list(list), longLived(longLived), file(std::move(file)),
+          reader(Json::CharReaderBuilder().newCharReader()) {
+        client.clear_access_channels(websocketpp::log::alevel::all);
+        client.init_asio();
+        client.set_open_handler([this](websocketpp::connection_hdl h) { hdl = h; });
+        client.set_message_handler([this](websocketpp::connection_hdl, Client::message_ptr m) {
+            const std::string& p = m->get_payload();
+            Json::Value v;
+            if (reader->parse(p.data(), p.data() + p.size(), &v, nullptr) && v.isObject())
+                onMessage(v);
+        });
+    }
+
+    int run() {
+        websocketpp::lib::error_code ec;
+        Client::connection_ptr con = client.get_connection("ws://127.0.0.1:" + std::to_string(port), ec);
+        if (ec)
+            return 1;
+        client.connect(con);
+        client.run();
+        return status;
+    }
+
+private:
+    void finish(int code) {
+        status = code;
+        client.stop();
+    }
+
+    void deviceLine(const char* event, const Json::Value& d) {
+        const char* mode = modeWord(d);
+        const char* name = text(d, "name");
+        if (!*mode || !*name)
+            return;
+        line.assign(event);
+        line += '[';
+        line += mode;
+        line += "]: ";
+        if (line.size() < 17)
+            line.append(17 - line.size(), ' ');
+        const Json::Value& product = member(d, "product");
+        const char* version = text(product, "versionString");
+        line += name;
+        line += ',';
+        line += text(member(d, "manufacturer"), "name", "?");
+        line += ',';
+        line += text(product, "name", "?");
+        line += ',';
+        line += *version ? version : text(product, "version", "?");
+        line += '\n';
+        emit(line);
+    }
+
+    // "\rUpdating NAME : [===>    ] P%[ - STATUS]", assembled in one reused buffer.
+    const std::string& bar(const char* start, int percent, const char* status, const char* end = "") {
+        const int head = static_cast<int>(percent * 50 / 100.0);
+        line.assign(start);
+        line += "Updating ";
+        line += job;
+        line += " : [";
+        const int filled = std::clamp(head, 0, 50);
+        line.append(static_cast<size_t>(filled), '=');
+        if (head == filled && head < 50)
+            line += '>';
+        line.append(static_cast<size_t>(head == filled && head < 50 ? 49 - head : 50 - filled), ' ');
+        line += "] ";
+        line += std::to_string(percent);
+        line += '%';
+        if (*status) {
+            line += " - ";
+            line += status;
+        }
+        line += end;
+        return line;
+    }
+
+    void onDevices(const Json::Value& devices) {
+        if (list) {
+            for (const Json::Value& d : devices)
+                deviceLine("Found", d);
+            if (!longLived)
+                finish(0);
+            return;
+        }
+        for (const Json::Value& d : devices) {
+            if (*text(d, "name") && !std::strcmp(modeWord(d), "Normal")) {
+                job = text(d, "name");
+                break;
+            }
+        }
+        if (job.empty()) {
+            emit("No matching devices found.\n");
+            return finish(1);
+        }
+        // A bare file name goes out absolute, as the tool sends it.
+        std::filesystem::path path(file);
+        if (path.parent_path().empty() || path.parent_path() == ".")
+            path = std::filesystem::current_path() / path.filename();
+        Json::Value request;
+        request["msg"] = "upgrade";
+        request["device"] = job;
+        request["filePath"] = path.string();
+        request["override"] = "false";
+        client.send(hdl, Json::FastWriter().write(request), websocketpp::frame::opcode::text);
+        emit(bar("", 0, ""));
+    }
+
+    void onProgress(const Json::Value& m) {
+        if (job.empty() || job != text(m, "device"))
+            return;
+        const Json::Value& progress = member(m, "progress");
+        const int percent = static_cast<int>(std::lround(progress.isNumeric() ? progress.asDouble() : 0.0));
+        const char* status = text(m, "status");
+        if (!std::strcmp(status, "Done")) {
+            emit(bar("\r", 100, "SUCCESS", "\n"));
+            finish(0);
+        } else if (m.isMember("error") || !std::strcmp(status, "Fail")) {
+            const char* reason = text(m, "ErrorReason");
+            emit(bar("\r", percent, *reason ? reason : "FAILED", "\n"));
+            finish(1);
+        } else {
+            emit(bar("\r", percent, ""));
+        }
+    }
+
+    void onMessage(const Json::Value& m) {
+        const char* kind = text(m, "msg");
+        if (!std::strcmp(kind, "devices")) {
+            onDevices(m["devices"]);
+        } else if (!std::strcmp(kind, "upgrade_progress")) {
+            onProgress(m);
+        } else if (list && longLived && !std::strcmp(kind, "device_added")) {
+            deviceLine("Found", m["device"]);
+        } else if (list && longLived && !std::strcmp(kind, "device_removed")) {
+            deviceLine("Lost", m["device"]);
+        }
+    }
+
+    int port;
+    bool list, longLived;
+    std::string file;
+    std::unique_ptr<Json::CharReader> reader;
+    Client client;
+    websocketpp::connection_hdl hdl;
+    std::string job;
+    std::string line; // the line or bar being printed
+    int status = 1;   // stays 1 when the service goes first
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    int port = 7070;
+    bool list = false, longLived = false;
+    std::string file;
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        if (a == "--list")
+            list = true;
+        else if (a == "--long-lived")
+            longLived = true;
+        else if (a.rfind("--file=", 0) == 0)
+            file = a.substr(7);
+        else if (a.rfind("--port=", 0) == 0)
+            port = std::atoi(a.c_str() + 7);
+        else {
+            std::fprintf(stderr, "usage: floor --port=P (--list [--long-lived] | --file=FW)\n");
+            return 2;
+        }
+    }
+    return Floor(port, list, longLived, file).run();
+}

@@ -1,0 +1,236 @@
+#!/usr/bin/env python3
+"""Times devupdate against bench/floor, the least work a client on the same stack can do,
+each served by a fresh devsim that sends as fast as it can (--tick-ms=0).
+
+    python3 bench/throughput.py [options] [CASE...]
+
+Cases (default: list-10000 list-84879 storm-100000 live-10000):
+  list-N    devsim --generate-fleet=N; client --list
+  storm-M   one device, one upgrade with M progress events; client --file=fw.bin
+  live-N    devsim --generate-fleet=N --close-after=2N+1; client --list --long-lived, while
+            `devupdate --list --reboot` makes devsim announce every device lost and found
+            again; devsim then closes, which ends both clients with status 1
+
+Every run gets a fresh devsim whose list is already serialised (devsim does that before it
+listens) and that has served one connection. The two clients take turns, and their output
+and exit status must be the same, byte for byte, in every run. Prints, per case and
+client, the median wall time, the median CPU time (user + system) and the largest peak RSS
+(from GNU time where there is one), and the tool / floor ratios. In a storm or a live run
+devsim does more work per message than either client, so wall times there mostly measure
+devsim: compare CPU times.
+
+Options:
+  --build=DIR       build folder holding cli/devupdate, devsim/devsim, bench/floor (build)
+  --tool=PATH       the tool to measure (DIR/cli/devupdate), e.g. an older build
+  --runs=N          timed runs per client and case (5)
+  --callgrind=DIR   instead of timing, run each client once under valgrind's callgrind and
+                    print instruction counts; profiles, outputs and each profile's top
+                    functions go to DIR (default cases then: list-10000 storm-20000 live-2000;
+                    valgrind comes from Debian: apt-get install valgrind)
+"""
+import hashlib
+import os
+import re
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+LIMIT = 32000000  # the transport's largest message
+
+
+def parse_args(argv):
+    opts = {"build": "build", "tool": None, "runs": 5, "callgrind": None}
+    cases = []
+    for arg in argv:
+        key, _, value = arg.partition("=")
+        if key.startswith("--") and key[2:] in opts:
+            opts[key[2:]] = int(value) if key == "--runs" else value
+        elif re.fullmatch(r"(list|storm|live)-\d+", arg):
+            cases.append(arg)
+        else:
+            sys.exit(__doc__)
+    if not cases:
+        cases = ["list-10000", "storm-20000", "live-2000"] if opts["callgrind"] else \
+            ["list-10000", "list-84879", "storm-100000", "live-10000"]
+    return opts, cases
+
+
+def scenario(case):
+    """devsim's arguments, the client's arguments, whether a reboot driver runs."""
+    kind, n = case.split("-")
+    n = int(n)
+    if kind == "list":
+        return ["--generate-fleet=%d" % n], ["--list"], False
+    if kind == "storm":
+        return ["--generate-fleet=1", "--progress-steps=%d" % n], ["--file=fw.bin"], False
+    return ["--generate-fleet=%d" % n, "--close-after=%d" % (2 * n + 1)], ["--list", "--long-lived"], True
+
+
+def summary(case, path):
+    """The output's digest, or None when it is short of a whole list (three lines a device
+    for live) or of a finished upgrade. Read in pieces: this process stays small."""
+    kind, n = case.split("-")
+    digest, lines, tail = hashlib.sha256(), 0, b""
+    with open(path, "rb") as f:
+        for piece in iter(lambda: f.read(1 << 20), b""):
+            digest.update(piece)
+            lines += piece.count(b"\n")
+            tail = (tail + piece)[-16:]
+    whole = tail.endswith(b"100% - SUCCESS\n") if kind == "storm" else lines == int(n) * (3 if kind == "live" else 1)
+    return (digest.hexdigest(), lines) if whole else None
+
+
+def gnu_time():
+    """GNU time, which reports the peak RSS of the client alone; without it the peak RSS
+    from wait4 also counts this process's own memory, which the child held before exec."""
+    try:
+        out = subprocess.run(["/usr/bin/time", "--version"], capture_output=True, text=True)
+        return "/usr/bin/time" if "GNU" in out.stdout + out.stderr else None
+    except OSError:
+        return None
+
+
+class Devsim:
+    def __init__(self, binary, args, folder):
+        self.log_path = os.path.join(folder, "devsim.log")
+        with open(self.log_path, "wb") as log:
+            self.proc = subprocess.Popen([binary, "--port=0", "--tick-ms=0", *args],
+                                         stdout=subprocess.PIPE, stderr=log)
+        line = self.proc.stdout.readline().decode()
+        match = re.search(r":(\d+)$", line.strip())
+        if not match:
+            self.stop()
+            sys.exit("devsim did not start: " + open(self.log_path).read()[-500:])
+        self.port = match.group(1)
+        self.list_bytes = self.first_message_bytes()
+
+    def first_message_bytes(self):
+        """Opens and drops one connection, reading only the length of the list's frame."""
+        with socket.create_connection(("127.0.0.1", int(self.port))) as s:
+            s.sendall(b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                      b"Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n")
+            data = b""
+            while b"\r\n\r\n" not in data or len(data) < data.index(b"\r\n\r\n") + 14:
+                data += s.recv(4096)
+            head = data[data.index(b"\r\n\r\n") + 4:]
+            size = head[1] & 0x7F
+            if size == 126:
+                return int.from_bytes(head[2:4], "big")
+            return int.from_bytes(head[2:10], "big") if size == 127 else size
+
+    def connections(self):
+        return open(self.log_path).read().count(" connected from ")
+
+    def stop(self):
+        self.proc.terminate()
+        self.proc.wait()
+
+
+def run_client(command, folder, driver, sim, out_path):
+    """Runs one client to its end; returns (wall s, cpu s, peak RSS KiB, exit status)."""
+    seen = sim.connections()
+    rss_path = out_path + ".rss"
+    if TIME:
+        command = [TIME, "-f", "%M", "-o", rss_path, *command]
+    with open(out_path, "wb") as out:
+        start = time.perf_counter()
+        proc = subprocess.Popen(command, stdout=out, stderr=subprocess.DEVNULL, cwd=folder)
+        if driver:
+            # The reboots go out once devsim has the client, so that it sees every one.
+            while sim.connections() == seen and proc.poll() is None:
+                time.sleep(0.001)
+            subprocess.run(driver, stdout=subprocess.DEVNULL, check=True)
+        _, status, usage = os.wait4(proc.pid, 0)
+        wall = time.perf_counter() - start
+    rss = usage.ru_maxrss // (1024 if sys.platform == "darwin" else 1)
+    if TIME:
+        rss = int(open(rss_path).read().split()[-1])
+    return wall, usage.ru_utime + usage.ru_stime, rss, os.waitstatus_to_exitcode(status)
+
+
+TIME = gnu_time()
+
+
+def main():
+    opts, cases = parse_args(sys.argv[1:])
+    build = opts["build"]
+    tool = opts["tool"] or os.path.join(build, "cli", "devupdate")
+    devsim = os.path.join(build, "devsim", "devsim")
+    floor = os.path.join(build, "bench", "floor")
+    clients = [("tool", os.path.abspath(tool)), ("floor", os.path.abspath(floor))]
+    reboot = [os.path.abspath(os.path.join(build, "cli", "devupdate")), "--list", "--reboot"]
+    cg_dir = opts["callgrind"] and os.path.abspath(opts["callgrind"])
+    if cg_dir:
+        os.makedirs(cg_dir, exist_ok=True)
+    results = {}
+    with tempfile.TemporaryDirectory() as folder:
+        with open(os.path.join(folder, "fw.bin"), "wb") as fw:
+            fw.write(bytes(4096))  # no header: any device takes it
+        for case in cases:
+            sim_args, client_args, drives = scenario(case)
+            expected = None
+            runs = 1 if cg_dir else opts["runs"]
+            # Round by round, so that a change in the machine's other load falls on both.
+            for i in range(runs):
+                for name, binary in clients:
+                    sim = Devsim(devsim, sim_args, folder)
+                    command = [binary, *client_args, "--port=" + sim.port]
+                    out_path = os.path.join(cg_dir or folder, "%s.%s.out" % (case, name))
+                    profile = os.path.join(cg_dir or folder, "%s.%s.cg" % (case, name))
+                    if cg_dir:
+                        command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=" + profile,
+                                   "--log-file=" + profile + ".log", *command]
+                    try:
+                        sample = run_client(command, folder, reboot + ["--port=" + sim.port] if drives else None,
+                                            sim, out_path)
+                    finally:
+                        sim.stop()
+                    got = (sample[3], summary(case, out_path))
+                    if got[1] is None:
+                        sys.exit("%s: %s printed too little, see %s" % (case, name, out_path))
+                    if expected is None:
+                        expected = got
+                    elif got != expected:
+                        sys.exit("%s: %s run %d differs from the tool's first run (exit %d against %d)"
+                                 % (case, name, i + 1, got[0], expected[0]))
+                    if cg_dir:
+                        log = open(profile + ".log").read()
+                        sample = int(re.search(r"Collected : (\d+)", log).group(1))
+                        with open(profile + ".top", "w") as top:
+                            subprocess.run(["callgrind_annotate", "--inclusive=no", profile], stdout=top,
+                                           stderr=subprocess.DEVNULL)
+                    results.setdefault((case, name), []).append(sample)
+            if case.startswith("list"):
+                print("%s: one list message of %d bytes (limit %d), %d output lines"
+                      % (case, sim.list_bytes, LIMIT, expected[1][1]))
+    report(cases, results, bool(cg_dir))
+
+
+def report(cases, results, instructions):
+    if instructions:
+        print("%-14s %14s %14s %12s" % ("case", "tool Ir (M)", "floor Ir (M)", "tool/floor"))
+        for case in cases:
+            t, f = results[case, "tool"][0], results[case, "floor"][0]
+            print("%-14s %14.1f %14.1f %12.3f" % (case, t / 1e6, f / 1e6, t / f))
+        return
+    print("median of %d runs; wall and CPU (user + system) in seconds, largest peak RSS in MiB"
+          % len(results[cases[0], "tool"]))
+    print("%-14s %-6s %8s %8s %8s" % ("case", "client", "wall", "cpu", "rss"))
+    medians = {}
+    for case in cases:
+        for name in ("tool", "floor"):
+            samples = results[case, name]
+            wall, cpu = (statistics.median(s[k] for s in samples) for k in (0, 1))
+            medians[case, name] = wall, cpu
+            print("%-14s %-6s %8.3f %8.3f %8.1f" % (case, name, wall, cpu, max(s[2] for s in samples) / 1024))
+    print("%-14s %16s %16s" % ("case", "wall tool/floor", "cpu tool/floor"))
+    for case in cases:
+        (tw, tc), (fw, fc) = medians[case, "tool"], medians[case, "floor"]
+        print("%-14s %16.2f %16.2f" % (case, tw / fw, tc / fc))
+
+
+if __name__ == "__main__":
+    main()
