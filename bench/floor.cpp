@@ -53,8 +53,8 @@ void emit(const std::string& s) {
 
 class Floor {
 public:
-    Floor(int port, bool list, bool longLived, std::string file)
-        : port(port), list(list), longLived(longLived), file(std::move(file)),
+    Floor(int servicePort, bool listRun, bool longLivedRun, std::string firmware)
+        : port(servicePort), list(listRun), longLived(longLivedRun), file(std::move(firmware)),
           reader(Json::CharReaderBuilder().newCharReader()) {
         client.clear_access_channels(websocketpp::log::alevel::all);
         client.init_asio();
