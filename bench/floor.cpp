@@ -108,7 +108,7 @@ private:
     }
 
     // "\rUpdating NAME : [===>    ] P%[ - STATUS]", assembled in one reused buffer.
-    const std::string& bar(const char* start, int percent, const char* status, const char* end = "") {
+    const std::string& bar(const char* start, int percent, const char* word, const char* end = "") {
         const int head = static_cast<int>(percent * 50 / 100.0);
         line.assign(start);
         line += "Updating ";
@@ -122,9 +122,9 @@ private:
         line += "] ";
         line += std::to_string(percent);
         line += '%';
-        if (*status) {
+        if (*word) {
             line += " - ";
-            line += status;
+            line += word;
         }
         line += end;
         return line;
@@ -166,11 +166,11 @@ private:
             return;
         const Json::Value& progress = member(m, "progress");
         const int percent = static_cast<int>(std::lround(progress.isNumeric() ? progress.asDouble() : 0.0));
-        const char* status = text(m, "status");
-        if (!std::strcmp(status, "Done")) {
+        const char* reported = text(m, "status");
+        if (!std::strcmp(reported, "Done")) {
             emit(bar("\r", 100, "SUCCESS", "\n"));
             finish(0);
-        } else if (m.isMember("error") || !std::strcmp(status, "Fail")) {
+        } else if (m.isMember("error") || !std::strcmp(reported, "Fail")) {
             const char* reason = text(m, "ErrorReason");
             emit(bar("\r", percent, *reason ? reason : "FAILED", "\n"));
             finish(1);
