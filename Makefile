@@ -9,9 +9,9 @@ JOBS  ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 # and the demo need.
 PACKAGES := g++ cmake make pkg-config python3 libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev \
             libgmock-dev mandoc groff-base man-db bash-completion zsh fish
-# The same for a Mac with Homebrew. Its asio is newer than websocketpp allows: see
-# docs/macos.md for the one to use.
-BREW_PACKAGES := cmake pkgconf python jsoncpp websocketpp googletest mandoc groff bash-completion fish
+# The same for a Mac with Homebrew (python3, zsh and bash come with macOS). Its asio is
+# newer than websocketpp allows: see docs/macos.md for the one to use.
+BREW_PACKAGES := cmake pkgconf jsoncpp websocketpp googletest mandoc groff bash-completion fish
 
 .PHONY: all deps build test demo bench clean build-sanitize test-sanitize fuzz-deps fuzz fuzz-smoke \
         install package-deps package package-check clang-deps test-clang check-libcxx test-pkgconfig
