@@ -1,17 +1,21 @@
 # Front door: `make demo`, `make test`, `make build`; also `make bench`,
-# `make test-sanitize`, `make fuzz`, `make fuzz-smoke`, `make install`, `make package`
-# and `make package-check`.
+# `make test-sanitize`, `make fuzz`, `make fuzz-smoke`, `make install`, `make package`,
+# `make package-check`, `make test-clang`, `make check-libcxx` and `make test-pkgconfig`.
 BUILD ?= build
-JOBS  ?= $(shell nproc 2>/dev/null || echo 2)
+JOBS  ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 
 # Debian packages the build, the tests (python3 runs the end-to-end journeys, mandoc,
-# groff and man lint the man pages, bash-completion runs the completion, ansible-core and
-# ansible-lint test the Ansible collection) and the demo need.
-PACKAGES := g++ cmake make python3 libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev libgmock-dev \
-            mandoc groff-base man-db bash-completion ansible-core ansible-lint
+# groff and man lint the man pages, bash-completion, zsh and fish run the completions,
+# ansible-core and ansible-lint test the Ansible collection) and the demo need.
+PACKAGES := g++ cmake make pkg-config python3 libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev \
+            libgmock-dev mandoc groff-base man-db bash-completion zsh fish ansible-core ansible-lint
+# The same for a Mac with Homebrew (python3, zsh and bash come with macOS). Its asio is
+# newer than websocketpp allows: see docs/macos.md for the one to use.
+BREW_PACKAGES := cmake pkgconf jsoncpp websocketpp googletest mandoc groff bash-completion fish \
+                 ansible ansible-lint
 
 .PHONY: all deps build test demo bench clean build-sanitize test-sanitize fuzz-deps fuzz fuzz-smoke \
-        install package-deps package package-check
+        install package-deps package package-check clang-deps test-clang check-libcxx test-pkgconfig
 
 all: build
 
@@ -30,6 +34,16 @@ deps:
 	      echo "  sudo apt-get install -y$$missing"; \
 	      exit 1; \
 	    fi; \
+	  fi; \
+	elif command -v brew >/dev/null 2>&1; then \
+	  have=" $$(brew list --formula -1 2>/dev/null | tr '\n' ' ')"; missing=""; \
+	  for p in $(BREW_PACKAGES); do \
+	    case "$$have" in *" $$p "*) ;; *) missing="$$missing $$p" ;; esac; \
+	  done; \
+	  if [ -n "$$missing" ]; then \
+	    echo "Missing Homebrew packages. Install them with:"; \
+	    echo "  brew install$$missing"; \
+	    exit 1; \
 	  fi; \
 	fi
 
@@ -76,7 +90,7 @@ package-check: package
 	JOBS=$(JOBS) bash e2e/test_install.sh $(BUILD) $(BUILD)/e2e/stage reproducible
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(CLANG_BUILD) $(LIBCXX_BUILD) $(PKGCONFIG_BUILD)
 
 # Checked build: every target and the whole CTest suite under ASan and UBSan, stopping
 # at the first report.
@@ -117,3 +131,34 @@ fuzz-smoke: fuzz
 	    -artifact_prefix=$(FUZZ_SCRATCH)/$$t-crashes/ -print_final_stats=1 $(FUZZ_SCRATCH)/$$t; \
 	done; \
 	echo "fuzz-smoke: $(words $(FUZZ_TARGETS)) passed, 0 failed"
+
+# A second compiler: the whole project and its suite built by clang, as on macOS.
+CLANG_BUILD    ?= build-clang
+LIBCXX_BUILD   ?= build-libcxx
+CLANG_PACKAGES := clang libc++-14-dev libc++abi-14-dev
+
+clang-deps:
+	@$(MAKE) --no-print-directory deps EXTRA_PACKAGES="$(CLANG_PACKAGES)"
+
+test-clang: clang-deps
+	cmake -S . -B $(CLANG_BUILD) -DCMAKE_CXX_COMPILER=clang++
+	cmake --build $(CLANG_BUILD) -j $(JOBS)
+	cd $(CLANG_BUILD) && ctest --output-on-failure -j $(JOBS)
+
+# The tool's sources against libc++, the standard library of macOS. Compiled only:
+# Debian's jsoncpp is built for libstdc++, so nothing here links against it.
+check-libcxx: clang-deps
+	cmake -S . -B $(LIBCXX_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS=-stdlib=libc++ \
+	  -DBUILD_TESTING=OFF
+	cmake --build $(LIBCXX_BUILD) -j $(JOBS) --target devupdate_core
+	$(MAKE) -C $(LIBCXX_BUILD)/cli src/Main.cpp.o
+
+# jsoncpp found through pkg-config, as on Homebrew, which installs no CMake package for it.
+PKGCONFIG_BUILD ?= build-pkgconfig
+
+test-pkgconfig: deps
+	cmake -S . -B $(PKGCONFIG_BUILD) -DCMAKE_DISABLE_FIND_PACKAGE_jsoncpp=ON
+	@grep -q '^pkgcfg_lib_JSONCPP_jsoncpp:FILEPATH=/' $(PKGCONFIG_BUILD)/CMakeCache.txt || \
+	  { echo "test-pkgconfig: jsoncpp was not found through pkg-config" >&2; exit 1; }
+	cmake --build $(PKGCONFIG_BUILD) -j $(JOBS) --target devupdate_tests
+	cd $(PKGCONFIG_BUILD) && ctest --output-on-failure -j $(JOBS) -E '^(e2e|install|fuzz|cmake)\.'

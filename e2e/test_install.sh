@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
-# The installed tools (file list, man pages, bash completion) in a staged install of the
-# build tree, and the packages. Usage: test_install.sh BUILD STAGE stage|files|man|completion|package|reproducible
+# The installed tools (file list, man pages, completion in bash, zsh and fish) in a staged
+# install of the build tree, and the packages.
+# Usage: test_install.sh BUILD STAGE stage|files|man|completion|zsh|fish|package|reproducible
 set -euo pipefail
-build=$(realpath "$1") stage=$(realpath -m "$2") tmp=$(mktemp -d)
+here=$(cd "$(dirname "$0")" && pwd) space=' '
+mkdir -p "$2"  # absolute paths without GNU realpath -m
+build=$(cd "$1" && pwd -P) stage=$(cd "$2" && pwd -P) tmp=$(mktemp -d)
 bin=$stage/usr/bin
 trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$tmp"' EXIT
 fail() { printf 'FAIL: %s\n' "$*" >&2; exit 1; }
@@ -19,12 +22,42 @@ options() {
         grep -oE -- ' --?[a-z][-a-z]*=?' | tr -d ' ' | grep -vx -- --update-all | LC_ALL=C sort -u
 }
 
+# devsim on ephemeral ports for the completions, in the scratch folder with a firmware file
+# and a folder to complete: the lobby (its built-in fleet, recording what it is sent), odd
+# (names the shell must not take apart), big (10,000 names), mute (never answers).
+# A name run as a command would leave the file "pwned" behind.
+serve() {  # VAR OPTIONS...: starts devsim and sets VAR to its port
+    "$bin/devsim" --port=0 "${@:2}" >"$tmp/$1" 2>"$tmp/$1.log" &
+    for _ in {1..100}; do [[ $(cat "$tmp/$1" 2>&1) =~ :([0-9]+)$ ]] && break || sleep 0.05; done
+    printf -v "$1" %s "${BASH_REMATCH[1]?devsim did not start: $(<"$tmp/$1.log")}"
+}
+odd_names=('hall panel 1' 'hall:2' "it's \"q\"" '$HOME' '`touch pwned`' 'a;touch pwned' 'b&c' 'star*'
+           '#hash' 'back\slash')
+services() {
+    PATH=$bin:$PATH
+    cd "$tmp" && touch fw.bin && mkdir frames
+    printf '%s\n' "${odd_names[@]}" | sed 's/[\\"]/\\&/g; s/.*/{"name": "&"}/' | paste -sd, - |
+        sed 's/.*/[&]/' >odd.json
+    serve lobby --record=frames/lobby && serve odd --fleet=odd.json && serve mute --mute-after=0
+    serve big --generate-fleet=10000 --tick-ms=0
+}
+# The rows of a table, less those of the big fleet in a build under the sanitizers: its
+# tool lists 10,000 devices too slowly to finish within the completion's one second.
+rows() {
+    if grep -q '^DEVUPDATE_SANITIZE:BOOL=ON' "$build/CMakeCache.txt"; then grep -v -- "--port=$big "; else cat; fi
+}
+# After the table: nothing was sent to the lobby and no name was run.
+untouched() {
+    [[ ! -s frames/lobby ]] || fail "the completion sent $(cat frames/lobby)"
+    [[ ! -e pwned ]] || fail "a device name was run as a command"
+}
+
 case $3 in
 stage)
     rm -rf "$stage"
     DESTDIR=$stage cmake --install "$build" --prefix /usr >/dev/null ;;
 files)
-    got=$(cd "$stage" && find . ! -type d -printf '%P\n' | LC_ALL=C sort)
+    got=$(cd "$stage" && find . ! -type d | sed 's|^\./||' | LC_ALL=C sort)
     [[ $got == "$want" ]] || fail "installed files:"$'\n'"$(diff <(echo "$want") <(echo "$got"))"
     # The installed READMEs are for package users: no build commands, no source-tree paths.
     for doc in "$stage"/usr/share/doc/*/README.md; do
@@ -72,18 +105,11 @@ completion)
         (( ${EPOCHREALTIME/./} - start < 2000000 )) || fail "'$1' took 2 s or more"
         [[ ! -s $tmp/noise ]] || fail "'$1' printed $(<"$tmp/noise")"
         got=$(printf '%s\n' "${COMPREPLY[@]}" | LC_ALL=C sort | paste -sd' ')$nospace
-        [[ $got == "$2" ]] || fail "'$1' completed to '$got', not '$2'"
+        [[ $2 == '*'* ]] && got="${#COMPREPLY[@]} names"  # a count instead of the names
+        [[ $got == "${2#\*}" ]] || fail "'$1' completed to '$got', not '${2#\*}'"
     }
-    serve() {  # VAR OPTIONS...: starts devsim and sets VAR to its port
-        "$bin/devsim" --port=0 "${@:2}" >"$tmp/$1" 2>"$tmp/$1.log" &
-        for _ in {1..100}; do [[ $(cat "$tmp/$1" 2>&1) =~ :([0-9]+)$ ]] && break || sleep 0.05; done
-        printf -v "$1" %s "${BASH_REMATCH[1]?devsim did not start: $(<"$tmp/$1.log")}"
-    }
-    PATH=$bin:$PATH
-    cd "$tmp" && touch fw.bin && mkdir frames
-    printf '[{"name": "hall panel 1"}, {"name": "hall:2"}]' >odd.json
-    serve lobby --record=frames/lobby && serve odd --fleet=odd.json && serve mute --mute-after=0
-    while IFS='|' read -r line want; do check "$line" "$want"; done <<EOF
+    services
+    while IFS='|' read -r line want; do check "$line" "$want"; done < <(rows <<EOF
 devupdate -|$(options devupdate | paste -sd' ')
 devupdate --li|--list
 devupdate --device-mo|--device-mode= (nospace)
@@ -97,10 +123,100 @@ devupdate --port=$lobby --device-name=lob|lobby-panel-01 lobby-panel-02
 devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=|dock-controller-03 lobby-panel-01 lobby-panel-02 warehouse-gw-01 warehouse-gw-02 yard-gw-07
 devupdate --port=$odd --device-name=hall|hall:2 hall\ panel\ 1
 devupdate --port=$odd --device-name=hall:|2
+devupdate --port=$odd --device-name=it|it\'s\ \"q\"
+devupdate --port=$odd --device-name=\\\$|\\\$HOME
+devupdate --port=$odd --device-name=a|a\;touch\ pwned
+devupdate --port=$odd --device-name=b|b\&c back\\\\slash
+devupdate --port=$odd --device-name=\\\`|\\\`touch\ pwned\\\`
+devupdate --port=$odd --device-name=st|star\*
+devupdate --port=$odd --device-name=\#|\#hash
+devupdate --port=$big --device-name=|*10000 names
+devupdate --port=$big --device-name=node-0999|*10 names
 devupdate --port=$mute --device-name=|
 devupdate --port=1 --device-name=|
 EOF
-    [[ ! -s frames/lobby ]] || fail "the completion sent $(cat frames/lobby)" ;;
+)
+    # Every name, as the shell reads what was inserted, comes back as it was.
+    check "devupdate --port=$odd --device-name=" "*${#odd_names[@]} names"
+    for reply in "${COMPREPLY[@]}"; do eval "words=($reply)"; printf '%s\n' "${words[@]}"; done >got
+    diff <(printf '%s\n' "${odd_names[@]}" | LC_ALL=C sort) <(LC_ALL=C sort got) || fail "names read back differ"
+    untouched
+    # macOS has bash 3.2 and bash-completion 1.3, and no timeout(1): none of what came
+    # later may appear outside comments (this bash cannot run 3.2 to prove it).
+    while IFS='|' read -r what pattern; do
+        for file in "$stage"/usr/share/bash-completion/completions/*; do
+            if hit=$(grep -v '^[[:space:]]*#' "$file" | grep -nE -- "$pattern" | grep -v 'type compopt'); then
+                fail "${file##*/} uses $what: $hit"
+            fi
+        done
+    done <<'EOF'
+associative arrays|(declare|local|typeset) -[a-zA-Z]*A
+case conversion|\$\{[A-Za-z_][A-Za-z0-9_]*(\[[^]]*\])?(,|\^)
+mapfile, readarray or coproc|(^|[^-[:alnum:]_])(mapfile|readarray|coproc)([^-[:alnum:]_]|$)
+case fall-through|;;&|;&
+the redirections of bash 4 (pipe or append both streams)|\|&|&>>
+negative array indices|\[-[0-9]+\]
+$EPOCHREALTIME or $EPOCHSECONDS|EPOCH(REALTIME|SECONDS)
+wait -n|wait -n
+compopt without a check for it|compopt
+_init_completion|_init_completion
+timeout(1)|(^|[^-[:alnum:]_])timeout[[:space:]]
+EOF
+    ;;
+zsh)
+    # Tab in a real interactive zsh; its compadd is wrapped to record what was offered.
+    services
+    table=$(rows <<EOF
+devupdate --li|--list|devupdate --list${space}
+devupdate --device-mode=|failsafe normal safe|devupdate --device-mode=
+devupdate --file=fw|fw.bin|devupdate --file=fw.bin${space}
+devupdate --recover-safe=fram|frames|devupdate --recover-safe=frames/
+devsim --fleet=|frames odd.json|devsim --fleet=
+devupdate --port=$lobby --device-name=lob|lobby-panel-01 lobby-panel-02|devupdate --port=$lobby --device-name=lobby-panel-0
+devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=w|warehouse-gw-01 warehouse-gw-02|devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=warehouse-gw-0
+devupdate --port=$odd --device-name=hall|hall panel 1 hall:2|devupdate --port=$odd --device-name=hall
+devupdate --port=$odd --device-name=it|it's "q"|devupdate --port=$odd --device-name=it\'s\ \"q\"${space}
+devupdate --port=$odd --device-name=\\\$|\$HOME|devupdate --port=$odd --device-name=\\\$HOME${space}
+devupdate --port=$odd --device-name=a|a;touch pwned|devupdate --port=$odd --device-name=a\;touch\ pwned${space}
+devupdate --port=$odd --device-name=b\&|b&c|devupdate --port=$odd --device-name=b\&c${space}
+devupdate --port=$odd --device-name=ba|back\slash|devupdate --port=$odd --device-name=back\\\\slash${space}
+devupdate --port=$odd --device-name=\\\`|\`touch pwned\`|devupdate --port=$odd --device-name=\\\`touch\ pwned\\\`${space}
+devupdate --port=$odd --device-name=st|star*|devupdate --port=$odd --device-name=star\*${space}
+devupdate --port=$odd --device-name=\#|#hash|devupdate --port=$odd --device-name=\#hash${space}
+devupdate --port=$big --device-name=node-0999|node-09990 node-09991 node-09992 node-09993 node-09994 node-09995 node-09996 node-09997 node-09998 node-09999|devupdate --port=$big --device-name=node-0999
+devupdate --port=$mute --device-name=||devupdate --port=$mute --device-name=
+devupdate --port=1 --device-name=||devupdate --port=1 --device-name=
+EOF
+)
+    cut -d'|' -f1 <<<"$table" | zsh -f "$here/complete.zsh" "$stage/usr/share/zsh/vendor-completions" >got
+    while IFS='|' read -r line want && IFS='|' read -r offered after <&3; do
+        offered=$(tr '\001' '\n' <<<"$offered" | LC_ALL=C sort -u | paste -sd' ' -)
+        [[ "$offered|$after" == "$want" ]] || fail "zsh: '$line' gave '$offered|$after', not '$want'"
+    done <<<"$table" 3<got
+    [[ $(wc -l <got) -eq $(wc -l <<<"$table") ]] || fail "zsh answered $(wc -l <got) of $(wc -l <<<"$table") lines"
+    untouched ;;
+fish)
+    # fish lists the candidates itself; it escapes them when it inserts one.
+    services
+    while IFS='|' read -r line want; do
+        got=$(fish -N -c 'source $argv[1]; source $argv[2]; complete -C $argv[3]' \
+            "$stage/usr/share/fish/vendor_completions.d/devupdate.fish" \
+            "$stage/usr/share/fish/vendor_completions.d/devsim.fish" "$line" 2>&1 |
+            cut -f1 | LC_ALL=C sort | paste -sd'|' -)
+        [[ $got == "$want" ]] || fail "fish: '$line' gave '$got', not '$want'"
+    done < <(rows <<EOF
+devupdate --li|--list
+devupdate --device-mode=|--device-mode=failsafe|--device-mode=normal|--device-mode=safe
+devupdate --file=fw|--file=fw.bin
+devupdate --port=$lobby --device-name=lob|--device-name=lobby-panel-01|--device-name=lobby-panel-02
+devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=w|--device-name=warehouse-gw-01|--device-name=warehouse-gw-02
+devupdate --port=$odd --device-name=|$(printf -- '--device-name=%s\n' "${odd_names[@]}" | LC_ALL=C sort | paste -sd'|' -)
+devupdate --port=$big --device-name=node-0999|$(printf -- '--device-name=node-0999%s\n' 0 1 2 3 4 5 6 7 8 9 | paste -sd'|' -)
+devupdate --port=$mute --device-name=|
+devupdate --port=1 --device-name=|
+EOF
+)
+    untouched ;;
 package)
     for deb in "$build"/{devupdate,devsim}_*.deb; do
         name=$(dpkg-deb --field "$deb" Package)

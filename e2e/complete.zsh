@@ -1,0 +1,19 @@
+# zsh -f complete.zsh FPATH_DIR <LINES: types each line and Tab into a real interactive
+# zsh that loads its completions from FPATH_DIR, and prints for each what was offered
+# (separated by \x01), "|" and the line after Tab. compadd is wrapped to record every
+# match as it is added.
+zmodload zsh/zpty
+zpty -b z zsh -f -i
+zpty -w z "PS1= PROMPT_EOL_MARK=; fpath=(${(q)1} \$fpath); autoload -Uz compinit; compinit -u -D"
+zpty -w z 'unsetopt beep auto_list auto_menu list_ambiguous; bindkey "^I" complete-word; typeset -ga offered'
+zpty -w z 'compadd() { local -a seen; (( ${@[(I)-[OAD]*]} )) || builtin compadd -O seen "$@"; offered+=($seen); builtin compadd "$@" }'
+# The markers are written as escapes so that the echo of this definition does not match.
+zpty -w z 'report() { print -r -- $'"'"'\x02'"'"'"${(pj:\x01:)offered}|$BUFFER"$'"'"'\x03'"'"'; offered=() BUFFER= }'
+zpty -w z 'zle -N report; bindkey "^X" report'
+while IFS= read -r line; do
+  zpty -n -w z "$line"$'\t\x18'
+  zpty -r -m z out $'*\x02*\x03*' || exit 1
+  out=${out##*$'\x02'}
+  print -r -- ${out%%$'\x03'*}
+done
+zpty -d z
