@@ -202,6 +202,7 @@ void Service::handleFrame(Hdl hdl, const std::string& payload) {
     Client* client = clientOf(hdl);
     if (!client)
         return;
+    client->lastFrame = std::chrono::steady_clock::now();
     if (record.is_open()) {
         record.write(payload.data(), static_cast<std::streamsize>(payload.size()));
         record.flush();
@@ -470,12 +471,17 @@ void Service::sendHeldBack(Hdl hdl) {
     Server::connection_ptr con = server.get_con_from_hdl(hdl, ec);
     if (!client || !con || client->heldBack.empty())
         return;
-    // A client that is still sending requests may be gone by the time they are read, and
-    // a write that fails ends the connection with its last requests unread. So news about
-    // a device waits until everything the client has sent so far has been read.
+    // A client that sends a burst of requests may leave as soon as the last one is on its
+    // socket. Writing to it then makes its system reset the connection, which throws away
+    // what it had not sent yet and, with websocketpp, ends the connection here with
+    // requests unread. So news about a device waits until everything the client sent has
+    // been read and it has sent nothing for a moment: by then its socket holds nothing
+    // more for us, and a reset loses nothing.
+    const auto quiet = std::chrono::milliseconds(200);
+    const auto idle = std::chrono::steady_clock::now() - client->lastFrame;
     asio::socket_base::bytes_readable unread;
     con->get_socket().io_control(unread, ec);
-    if (ec || unread.get() == 0) {
+    if (ec || (unread.get() == 0 && idle >= quiet)) {
         std::vector<std::string> texts;
         texts.swap(client->heldBack);
         for (const std::string& text : texts)
@@ -484,7 +490,10 @@ void Service::sendHeldBack(Hdl hdl) {
     }
     if (!client->heldBackRetry)
         client->heldBackRetry = std::make_shared<asio::steady_timer>(io);
-    client->heldBackRetry->expires_after(std::chrono::milliseconds(5));
+    client->heldBackRetry->expires_after(unread.get() > 0 || idle >= quiet
+                                             ? std::chrono::milliseconds(5)
+                                             : std::chrono::duration_cast<std::chrono::milliseconds>(quiet - idle) +
+                                                   std::chrono::milliseconds(1));
     client->heldBackRetry->async_wait([this, hdl](const asio::error_code& waited) {
         if (!waited)
             sendHeldBack(hdl);

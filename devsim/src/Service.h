@@ -8,6 +8,7 @@
 #include <websocketpp/config/asio_no_tls.hpp>
 #include <websocketpp/server.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <fstream>
 #include <functional>
@@ -61,10 +62,11 @@ private:
         bool oversizeDone = false;
         bool notObjectDone = false;
         bool deepDone = false;
-        bool pauseDue = false; // a message went out since reading last paused
+        bool pauseDue = false;                         // a message went out since reading last paused
         std::shared_ptr<asio::steady_timer> readPause; // resumes reading once it expires
         std::vector<std::string> heldBack;             // frames waiting until the client's requests are read
         std::shared_ptr<asio::steady_timer> heldBackRetry;
+        std::chrono::steady_clock::time_point lastFrame; // when the client's last frame was read
     };
 
     struct Job {
