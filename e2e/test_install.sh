@@ -160,15 +160,8 @@ devupdate --file=fw|fw.bin|devupdate --file=fw.bin${space}
 devupdate --recover-safe=fram|frames|devupdate --recover-safe=frames/
 devsim --fleet=|frames odd.json|devsim --fleet=
 devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=w|warehouse-gw-01 warehouse-gw-02|devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=warehouse-gw-0
-devupdate --port=$odd --device-name=hall|hall panel 1 hall:2|devupdate --port=$odd --device-name=hall
-devupdate --port=$odd --device-name=it|it's "q"|devupdate --port=$odd --device-name=it\'s\ \"q\"${space}
-devupdate --port=$odd --device-name=\\\$|\$HOME|devupdate --port=$odd --device-name=\\\$HOME${space}
+devupdate --port=$odd --device-name=|$(printf '%s\n' "${odd_names[@]}" | LC_ALL=C sort | paste -sd' ' -)|devupdate --port=$odd --device-name=
 devupdate --port=$odd --device-name=a|a;touch pwned|devupdate --port=$odd --device-name=a\;touch\ pwned${space}
-devupdate --port=$odd --device-name=b\&|b&c|devupdate --port=$odd --device-name=b\&c${space}
-devupdate --port=$odd --device-name=ba|back\slash|devupdate --port=$odd --device-name=back\\\\slash${space}
-devupdate --port=$odd --device-name=\\\`|\`touch pwned\`|devupdate --port=$odd --device-name=\\\`touch\ pwned\\\`${space}
-devupdate --port=$odd --device-name=st|star*|devupdate --port=$odd --device-name=star\*${space}
-devupdate --port=$odd --device-name=\#|#hash|devupdate --port=$odd --device-name=\#hash${space}
 devupdate --port=$big --device-name=node-0999|node-09990 node-09991 node-09992 node-09993 node-09994 node-09995 node-09996 node-09997 node-09998 node-09999|devupdate --port=$big --device-name=node-0999
 devupdate --port=$mute --device-name=||devupdate --port=$mute --device-name=
 devupdate --port=1 --device-name=||devupdate --port=1 --device-name=
