@@ -115,8 +115,6 @@ devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-na
 devupdate --port=$odd --device-name=hall|hall:2 hall\ panel\ 1
 devupdate --port=$odd --device-name=hall:|2
 devupdate --port=$odd --device-name=\\\$|\\\$HOME
-devupdate --port=$odd --device-name=\\\`|\\\`touch\ pwned\\\`
-devupdate --port=$odd --device-name=\#|\#hash
 devupdate --port=$big --device-name=|*10000 names
 devupdate --port=$big --device-name=node-0999|*10 names
 devupdate --port=$mute --device-name=|
