@@ -102,7 +102,6 @@ completion)
     services
     while IFS='|' read -r line want; do check "$line" "$want"; done < <(rows <<EOF
 devupdate -|$(options devupdate | paste -sd' ')
-devupdate --li|--list
 devupdate --device-mo|--device-mode= (nospace)
 devupdate --recover-s|--recover-safe --recover-safe=
 devupdate --device-mode=|failsafe normal safe
