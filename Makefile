@@ -160,5 +160,5 @@ test-pkgconfig: deps
 	cmake -S . -B $(PKGCONFIG_BUILD) -DCMAKE_DISABLE_FIND_PACKAGE_jsoncpp=ON
 	@grep -q '^pkgcfg_lib_JSONCPP_jsoncpp:FILEPATH=/' $(PKGCONFIG_BUILD)/CMakeCache.txt || \
 	  { echo "test-pkgconfig: jsoncpp was not found through pkg-config" >&2; exit 1; }
-	cmake --build $(PKGCONFIG_BUILD) -j $(JOBS) --target devupdate_tests
-	cd $(PKGCONFIG_BUILD) && ctest --output-on-failure -j $(JOBS) -E '^(e2e|install|fuzz|cmake)\.'
+	cmake --build $(PKGCONFIG_BUILD) -j $(JOBS) --target devupdate devsim devupdate_tests devsim_tests
+	cd $(PKGCONFIG_BUILD) && ctest --output-on-failure -j $(JOBS) -E '^(e2e|install|fuzz|cmake|ansible)\.'
