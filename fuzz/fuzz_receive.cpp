@@ -9,13 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <iterator>
 #include <list>
-#include <sstream>
-#include <stdexcept>
-#include <vector>
 
-#include "ArgsParser.h"
 #include "ScriptedClient.h"
 #include "ToolStateMachine.h"
 
@@ -98,11 +93,8 @@ struct Model {
             return;
         }
         expect(!queues[q].empty(), "a job started with every queue empty");
-        Json::StreamWriterBuilder writer;
-        writer["indentation"] = "";
         const bool image = q == 0 || (q == 1 && !config.recoverSafeFile.empty());
-        const std::string name =
-            (q == 2 ? "\"macaddr\":" : "\"device\":") + Json::writeString(writer, queues[q].front());
+        const std::string name = (q == 2 ? "\"macaddr\":" : "\"device\":") + compactJson(queues[q].front());
         expect(msg == (image ? "upgrade" : "failsafe_recover") && sent.find(name) != std::string::npos,
                "job request is not the next queued job");
         current = queues[q].front();
@@ -117,16 +109,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::cout.setstate(std::ios::badbit); // silences its parse-failure reports
     const std::string input(reinterpret_cast<const char*>(data), size);
     std::size_t end = std::min(input.find('\n'), input.size());
-    std::istringstream line(input.substr(0, end));
-    std::vector<std::string> args{"devupdate"};
-    for (std::string word; line >> word;) {
-        args.push_back(word);
-    }
-    std::vector<const char*> argv;
-    std::transform(args.begin(), args.end(), std::back_inserter(argv), [](auto& a) { return a.c_str(); });
     std::unique_ptr<ToolConfig> config;
     try {
-        config = ArgumentParser::parseArguments(int(argv.size()), argv.data());
+        config = parseArgs(input.substr(0, end));
     } catch (const std::invalid_argument&) {
         return 0;
     } catch (const std::out_of_range&) {

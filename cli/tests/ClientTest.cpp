@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "WebsocketClient.h"
+#include "ScriptedClient.h"
 
 namespace {
 
@@ -13,9 +13,7 @@ std::string logOf(WebsocketClient& client, const std::string& uri, const std::ve
     client.onStateChange(
         [&](IWebsocketClient::State state) { log += state == IWebsocketClient::Open ? "open\n" : "closed\n"; });
     client.onMessage([&](Json::Value message) {
-        Json::StreamWriterBuilder compact;
-        compact["indentation"] = "";
-        log += Json::writeString(compact, message) + "\n";
+        log += compactJson(message) + "\n";
     });
     std::ostringstream out;
     std::streambuf* saved = std::cout.rdbuf(out.rdbuf());

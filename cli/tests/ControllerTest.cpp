@@ -3,27 +3,15 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <iterator>
 
 #include <gtest/gtest.h>
 
-#include "ArgsParser.h"
 #include "ScriptedClient.h"
 #include "ToolStateMachine.h"
 
 namespace {
 
 using Text = std::string;
-
-std::unique_ptr<ToolConfig> parseArgs(const Text& line) {
-    std::istringstream in("devupdate " + line);
-    const std::vector<Text> words((std::istream_iterator<Text>(in)), std::istream_iterator<Text>());
-    std::vector<const char*> argv;
-    for (const Text& word : words) {
-        argv.push_back(word.c_str());
-    }
-    return ArgumentParser::parseArguments(static_cast<int>(argv.size()), argv.data());
-}
 
 // Devices: normal with maker and model, safe mode, failsafe mode, and mode None (always filtered out).
 const auto dev = [](Text n, Text more) { return R"({"name":")" + n + "\"" + more + "}"; };
