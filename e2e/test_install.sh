@@ -41,10 +41,36 @@ services() {
     serve lobby --record=frames/lobby && serve odd --fleet=odd.json && serve mute --mute-after=0
     serve big --generate-fleet=10000 --tick-ms=0
 }
-# The rows of a table, less those of the big fleet in a build under the sanitizers: its
-# tool lists 10,000 devices too slowly to finish within the completion's one second.
-rows() {
-    if grep -q '^DEVUPDATE_SANITIZE:BOOL=ON' "$build/CMakeCache.txt"; then grep -v -- "--port=$big "; else cat; fi
+# Tab after each line, in the shells the row names (b bash, z zsh, f fish): what zsh leaves
+# on the line, then the names offered as their user reads them back, sorted, "|" between
+# them ("*N": N names). A build under the sanitizers skips the big fleet: its tool lists
+# 10,000 devices too slowly to finish within the completion's one second.
+table() {
+    local odd_list big_rows
+    odd_list=$(printf '%s\n' "${odd_names[@]}" | LC_ALL=C sort | paste -sd'|' -) big_rows=--port=$big
+    grep -q '^DEVUPDATE_SANITIZE:BOOL=ON' "$build/CMakeCache.txt" && big_rows=-
+    grep -v -- "$big_rows " <<EOF | sed -n "s/^[a-z]*$1[a-z]*|//p"
+bzf|devupdate --li|devupdate --list${space}|--list
+b|devupdate -||$(options devupdate | paste -sd'|')
+b|devupdate --device-mo||--device-mode=
+b|devupdate --recover-s||--recover-safe|--recover-safe=
+bzf|devupdate --device-mode=|devupdate --device-mode=|failsafe|normal|safe
+b|devupdate --device-mac=aa:bb --reb||--reboot
+bzf|devupdate --file=fw|devupdate --file=fw.bin${space}|fw.bin
+bz|devupdate --recover-safe=fram|devupdate --recover-safe=frames/|frames
+bz|devsim --fleet=|devsim --fleet=|frames|odd.json
+b|devupdate --port=$lobby --device-name=||dock-controller-03|lobby-panel-01|lobby-panel-02|warehouse-gw-01|warehouse-gw-02|yard-gw-07
+bzf|devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=w|devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=warehouse-gw-0|warehouse-gw-01|warehouse-gw-02
+bzf|devupdate --port=$odd --device-name=|devupdate --port=$odd --device-name=|$odd_list
+b|devupdate --port=$odd --device-name=hall||hall panel 1|hall:2
+b|devupdate --port=$odd --device-name=hall:||2
+b|devupdate --port=$odd --device-name=\\\$||\$HOME
+z|devupdate --port=$odd --device-name=a|devupdate --port=$odd --device-name=a\;touch\ pwned${space}|a;touch pwned
+b|devupdate --port=$big --device-name=||*10000
+bzf|devupdate --port=$big --device-name=node-0999|devupdate --port=$big --device-name=node-0999|$(printf 'node-0999%s\n' {0..9} | paste -sd'|')
+bzf|devupdate --port=$mute --device-name=|devupdate --port=$mute --device-name=|
+bzf|devupdate --port=1 --device-name=|devupdate --port=1 --device-name=|
+EOF
 }
 # After the table: nothing was sent to the lobby and no name was run.
 untouched() {
@@ -87,43 +113,22 @@ completion)
     source /usr/share/bash-completion/bash_completion
     source "$stage/usr/share/bash-completion/completions/devupdate"
     source "$stage/usr/share/bash-completion/completions/devsim"
-    compopt() { [[ $* != "-o nospace" ]] || nospace=" (nospace)"; }
-    check() {  # LINE WANT: completes LINE as bash does (words split at blanks, "=" and ":")
-        COMP_LINE=$1 COMP_POINT=${#1} COMPREPLY=() nospace= start=${EPOCHREALTIME/./}
-        read -ra COMP_WORDS < <(sed 's/[=:]/ & /g' <<<"$1")
+    compopt() { [[ $* != "-o nospace" ]] || nospace=y; }
+    services
+    while IFS='|' read -r line _ names; do  # words split as bash splits them: at blanks, "=" and ":"
+        COMP_LINE=$line COMP_POINT=${#line} COMPREPLY=() nospace= start=${EPOCHREALTIME/./}
+        read -ra COMP_WORDS < <(sed 's/[=:]/ & /g' <<<"$line")
         COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
         "_${COMP_WORDS[0]}" "${COMP_WORDS[0]}" "${COMP_WORDS[-1]}" "${COMP_WORDS[-2]}" >"$tmp/noise" 2>&1 || true
-        (( ${EPOCHREALTIME/./} - start < 2000000 )) || fail "'$1' took 2 s or more"
-        [[ ! -s $tmp/noise ]] || fail "'$1' printed $(<"$tmp/noise")"
-        got=$(printf '%s\n' "${COMPREPLY[@]}" | LC_ALL=C sort | paste -sd' ')$nospace
-        [[ $2 == '*'* ]] && got="${#COMPREPLY[@]} names"  # a count instead of the names
-        [[ $got == "${2#\*}" ]] || fail "'$1' completed to '$got', not '${2#\*}'"
-    }
-    services
-    while IFS='|' read -r line want; do check "$line" "$want"; done < <(rows <<EOF
-devupdate -|$(options devupdate | paste -sd' ')
-devupdate --device-mo|--device-mode= (nospace)
-devupdate --recover-s|--recover-safe --recover-safe=
-devupdate --device-mode=|failsafe normal safe
-devupdate --device-mac=aa:bb --reb|--reboot
-devupdate --file=fw|fw.bin
-devupdate --recover-safe=fram|frames
-devsim --fleet=|frames odd.json
-devupdate --port=$lobby --device-name=lob|lobby-panel-01 lobby-panel-02
-devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=|dock-controller-03 lobby-panel-01 lobby-panel-02 warehouse-gw-01 warehouse-gw-02 yard-gw-07
-devupdate --port=$odd --device-name=hall|hall:2 hall\ panel\ 1
-devupdate --port=$odd --device-name=hall:|2
-devupdate --port=$odd --device-name=\\\$|\\\$HOME
-devupdate --port=$big --device-name=|*10000 names
-devupdate --port=$big --device-name=node-0999|*10 names
-devupdate --port=$mute --device-name=|
-devupdate --port=1 --device-name=|
-EOF
-)
-    # Every name, as the shell reads what was inserted, comes back as it was.
-    check "devupdate --port=$odd --device-name=" "*${#odd_names[@]} names"
-    for reply in "${COMPREPLY[@]}"; do eval "words=($reply)"; printf '%s\n' "${words[@]}"; done >got
-    diff <(printf '%s\n' "${odd_names[@]}" | LC_ALL=C sort) <(LC_ALL=C sort got) || fail "names read back differ"
+        (( ${EPOCHREALTIME/./} - start < 2000000 )) || fail "'$line' took 2 s or more"
+        [[ ! -s $tmp/noise ]] || fail "'$line' printed $(<"$tmp/noise")"
+        got=$(for reply in "${COMPREPLY[@]}"; do eval "printf '%s\n' $reply"; done | LC_ALL=C sort | paste -sd'|' -)
+        [[ $names == '*'* ]] && got="*${#COMPREPLY[@]}"
+        [[ $got == "$names" ]] || fail "'$line' completed to '$got', not '$names'"
+        # A lone name is inserted with a blank after it, unless it is an option that takes a value.
+        [[ ${#COMPREPLY[@]} != 1 || $nospace == "$([[ $COMPREPLY == *= ]] && echo y)" ]] ||
+            fail "'$line': inserted ${nospace:+without}${nospace:-with} a blank after it"
+    done < <(table b)
     untouched
     # macOS has bash 3.2 and bash-completion 1.3, and no timeout(1): none of what came
     # later may appear outside comments (this bash cannot run 3.2 to prove it).
@@ -150,47 +155,25 @@ EOF
 zsh)
     # Tab in a real interactive zsh; its compadd is wrapped to record what was offered.
     services
-    table=$(rows <<EOF
-devupdate --li|--list|devupdate --list${space}
-devupdate --device-mode=|failsafe normal safe|devupdate --device-mode=
-devupdate --file=fw|fw.bin|devupdate --file=fw.bin${space}
-devupdate --recover-safe=fram|frames|devupdate --recover-safe=frames/
-devsim --fleet=|frames odd.json|devsim --fleet=
-devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=w|warehouse-gw-01 warehouse-gw-02|devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=warehouse-gw-0
-devupdate --port=$odd --device-name=|$(printf '%s\n' "${odd_names[@]}" | LC_ALL=C sort | paste -sd' ' -)|devupdate --port=$odd --device-name=
-devupdate --port=$odd --device-name=a|a;touch pwned|devupdate --port=$odd --device-name=a\;touch\ pwned${space}
-devupdate --port=$big --device-name=node-0999|node-09990 node-09991 node-09992 node-09993 node-09994 node-09995 node-09996 node-09997 node-09998 node-09999|devupdate --port=$big --device-name=node-0999
-devupdate --port=$mute --device-name=||devupdate --port=$mute --device-name=
-devupdate --port=1 --device-name=||devupdate --port=1 --device-name=
-EOF
-)
-    cut -d'|' -f1 <<<"$table" | zsh -f "$here/complete.zsh" "$stage/usr/share/zsh/vendor-completions" >got
-    while IFS='|' read -r line want && IFS='|' read -r offered after <&3; do
-        offered=$(tr '\001' '\n' <<<"$offered" | LC_ALL=C sort -u | paste -sd' ' -)
-        [[ "$offered|$after" == "$want" ]] || fail "zsh: '$line' gave '$offered|$after', not '$want'"
-    done <<<"$table" 3<got
-    [[ $(wc -l <got) -eq $(wc -l <<<"$table") ]] || fail "zsh answered $(wc -l <got) of $(wc -l <<<"$table") lines"
+    table z >table
+    cut -d'|' -f1 table | zsh -f "$here/complete.zsh" "$stage/usr/share/zsh/vendor-completions" >got
+    while IFS='|' read -r line after names && IFS='|' read -r offered got_after <&3; do
+        offered=$(tr '\001' '\n' <<<"$offered" | LC_ALL=C sort -u | paste -sd'|' -)
+        [[ "$got_after|$offered" == "$after|$names" ]] || fail "zsh: '$line' gave '$got_after|$offered'"
+    done <table 3<got
+    [[ $(wc -l <got) -eq $(wc -l <table) ]] || fail "zsh answered $(wc -l <got) of $(wc -l <table) lines"
     untouched ;;
 fish)
-    # fish lists the candidates itself; it escapes them when it inserts one.
+    # fish lists each candidate with the option it completes; it escapes them when it inserts one.
     services
-    while IFS='|' read -r line want; do
+    while IFS='|' read -r line _ names; do
+        word=${line##* } && option=${word%"${word##*=}"}
         got=$(fish -N -c 'source $argv[1]; source $argv[2]; complete -C $argv[3]' \
             "$stage/usr/share/fish/vendor_completions.d/devupdate.fish" \
             "$stage/usr/share/fish/vendor_completions.d/devsim.fish" "$line" 2>&1 |
-            cut -f1 | LC_ALL=C sort | paste -sd'|' -)
-        [[ $got == "$want" ]] || fail "fish: '$line' gave '$got', not '$want'"
-    done < <(rows <<EOF
-devupdate --li|--list
-devupdate --device-mode=|--device-mode=failsafe|--device-mode=normal|--device-mode=safe
-devupdate --file=fw|--file=fw.bin
-devupdate --port=$lobby --reboot --file=fw.bin --device-mode=safe -a --device-name=w|--device-name=warehouse-gw-01|--device-name=warehouse-gw-02
-devupdate --port=$odd --device-name=|$(printf -- '--device-name=%s\n' "${odd_names[@]}" | LC_ALL=C sort | paste -sd'|' -)
-devupdate --port=$big --device-name=node-0999|$(printf -- '--device-name=node-0999%s\n' 0 1 2 3 4 5 6 7 8 9 | paste -sd'|' -)
-devupdate --port=$mute --device-name=|
-devupdate --port=1 --device-name=|
-EOF
-)
+            cut -f1 | cut -c$((${#option} + 1))- | LC_ALL=C sort | paste -sd'|' -)
+        [[ $got == "$names" ]] || fail "fish: '$line' gave '$got', not '$names'"
+    done < <(table f)
     untouched ;;
 package)
     for deb in "$build"/{devupdate,devsim}_*.deb; do
