@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include <gtest/gtest.h>
 
@@ -11,36 +12,11 @@ namespace {
 
 // The built tool's usage text, errors and exit status, on the paths that need no service.
 TEST(Entry, UsageErrorsAndExitStatus) {
-    const std::string usage = std::string("Usage: ") + DEVUPDATE_BINARY + R"( [options]
-
-Options:
-  --port=<port_number>   Set port number  (default: 7070)
-
-Update Options:
-  --update-all, -a              Update all devices (default: update the first match)
-  --file=<filename>             Update normal mode devices with the specified firmware file
-  --recover-safe[=<filename>]   Recovers safe mode devices. If no filename is provided, uses the library image.
-  --recover-failsafe            Recovers failsafe mode devices using the library image.
-  --force, -f                   Force the device to accept the update, where the manufacturer / model mismatches.
-
-Filtering Options:
-  --device-mode=<mode>   Specify the mode of devices to filter.
-                         MODE can be one of the following:
-                             - normal    : Show normal devices only.
-                             - failsafe  : Show fail-safe devices only.
-                             - safe      : Show safe-mode devices only.
-  --device-name=<name>   Specify device name filter
-  --device-ip=<ip>       Specify device IP address filter
-  --device-mac=<mac>     Specify device MAC address filter
-  --manufacturer=<id>    Specify manufacturer ID filter
-  --model=<id>           Specify model ID filter
-
-Other Options:
-  --list                 List devices
-  --reboot               reboot devices (after update if updating)
-  --long-lived           Enable long-lived connection (experimental)
-
-)";
+    // The text as the tool prints it when started as plain "devupdate".
+    std::ifstream golden(USAGE_FILE);
+    std::string usage((std::istreambuf_iterator<char>(golden)), {});
+    ASSERT_FALSE(usage.empty()) << USAGE_FILE;
+    usage.replace(usage.find("devupdate"), 9, DEVUPDATE_BINARY);
     namespace fs = std::filesystem;
     const fs::path dir = fs::temp_directory_path() / ("devupdate-entry-" + std::to_string(getpid()));
     fs::create_directories(dir);
