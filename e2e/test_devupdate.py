@@ -121,25 +121,6 @@ class Journeys(Journey):
                 self.assertEqual(self.tool(sim.port, *args), (output, 0, ""))
                 self.assertEqual(sim.frames(), frames)
 
-    def test_long_lived_run_follows_devices_coming_going_and_changing(self):
-        def device(name, **extra):
-            return dict(name=name, manufacturer={"id": "acme", "name": "Acme"},
-                        product={"id": "x1", "name": "X1", "version": "1.0"}, **extra)
-        fleet = [device("alpha"), device("beta", sim={"leaveAfterMs": 90}),
-                 device("erin", sim={"changeAfterMs": 120, "changeTo": {"isSafeModeDevice": True,
-                                                                         "safeModeVersion": 2}}),
-                 device("carol", sim={"appearAfterMs": 30}),
-                 device("dave", isSafeModeDevice=True, safeModeVersion=1,
-                        sim={"changeAfterMs": 60, "changeTo": {"isSafeModeDevice": None}})]
-        with open(os.path.join(self.folder, "fleet.json"), "w") as f:
-            json.dump(fleet, f)
-        sim = self.sim("--fleet=" + os.path.join(self.folder, "fleet.json"))
-        listener = self.start(sim.port, "--list", "--long-lived", "--device-mode=normal")
-        changes = "".join("%-17s%s,Acme,X1,1.0\n" % line for line in [("Found[Normal]:", name) for name in (
-            "alpha", "beta", "erin", "carol", "dave")] + [("Lost[Normal]:", "beta"), ("Lost[Normal]:", "erin")])
-        self.assertEqual(read_until(listener.stdout, changes), changes)
-        self.assertIsNone(listener.poll(), "a long-lived run never ends by itself")
-
 
 # One row per way the service can fail the tool: devsim's faults (None: nothing listens), the
 # tool's arguments, its output, exit status and a text its standard error holds ("": empty).

@@ -11,15 +11,15 @@ from test_devupdate import TIMEOUT, Journey  # noqa: E402  (a scratch folder and
 
 
 def exchange(port, requests, last):
-    """What devsim sends a client that sends `requests` once the device list is in: the list first,
-    then up to the message after which `last` accepts all there is. Frames are masked with a zero key."""
+    """What devsim sends a client that sends `requests` once the device list is in: the list, and
+    with a `last`, what follows until `last` accepts all there is. Frames are masked with a zero key."""
     with socket.create_connection(("127.0.0.1", port), TIMEOUT) as sock, sock.makefile("rb") as stream:
         sock.sendall(b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                      b"Sec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\nSec-WebSocket-Version: 13\r\n\r\n")
         while stream.readline() not in (b"\r\n", b""):
             pass
         got = []
-        while not got or requests and not (len(got) > 1 and last(got)):
+        while not (got and (last is None or len(got) > 1 and last(got))):
             size = stream.read(2)[1] & 127
             size = int.from_bytes(stream.read(2 if size == 126 else 8), "big") if size > 125 else size
             got.append(json.loads(stream.read(size)))
@@ -81,6 +81,19 @@ class Service(Journey):
                           for d in exchange(self.port, [], None)[0]["devices"]],
                          [("n1", "2.0.4", None), ("n2", "7.1", None), ("stuck", "2.0.3", None),
                           ("shy", "2.0.3", None), ("fs", "4.0.0", None), ("odd", None, True)])
+
+    def test_scripted_devices_come_go_and_change_in_their_time(self):
+        change = {"changeAfterMs": 40, "changeTo": {"isSafeModeDevice": None, "product": {"version": "2"}}}
+        fleet = [{"name": "beta", "sim": {"leaveAfterMs": 60}}, {"name": "carol", "sim": {"appearAfterMs": 20}},
+                 {"name": "dave", "isSafeModeDevice": True, "sim": change}]
+        got = exchange(self.sim("--fleet=" + self.write("timed.json", json.dumps(fleet))).port, [],
+                       lambda got: len(got) == 4)
+        self.assertEqual([got[0]["devices"]] + got[1:], [
+            [{"name": "beta"}, {"name": "dave", "isSafeModeDevice": True}],
+            {"msg": "device_added", "device": {"name": "carol"}},
+            {"msg": "device_changed", "from": {"name": "dave", "isSafeModeDevice": True},
+             "to": {"name": "dave", "product": {"version": "2"}}},
+            {"msg": "device_removed", "device": {"name": "beta"}}])
 
 
 if __name__ == "__main__":
