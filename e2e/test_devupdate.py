@@ -1,4 +1,4 @@
-"""The built devupdate against devsim over real sockets, for what only they show; literal output."""
+"""The built devupdate: its command line, and against devsim over real sockets what only they show; literal output."""
 
 import json
 import os
@@ -120,6 +120,38 @@ class Journeys(Journey):
                 sim = self.sim(*sim_args)
                 self.assertEqual(self.tool(sim.port, *args), (output, 0, ""))
                 self.assertEqual(sim.frames(), frames)
+
+
+class Entry(Journey):
+    def test_usage_errors_and_exit_status(self):
+        """What the parser makes of a command line, on the paths that need no service."""
+        with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "usage.txt")) as f:
+            usage = f.read().replace("devupdate", DEVUPDATE, 1)  # the text when started as plain "devupdate"
+        d = self.folder + "/"
+        os.symlink(d + "fw.bin", d + "link.bin")
+        os.symlink(d + "gone.bin", d + "dangling.bin")
+        # The usage text for an argument it does not know; an accepted command line, which gets as far
+        # as the connection library refusing port 0; or an error, the first one met from the left.
+        table = [
+            (usage, "--update-all --list", "--list --port", "--listx", "--list --forced", "-h --list",
+             "--bogus --device-mode=x"),
+            ("Error initializing connection: invalid uri\n", "--port=0 --file= --list", "--port=0 --recover-safe=",
+             "--port=0 --recover-safe", "--port=0 --recover-failsafe", "--port=-1 --list",
+             "--port=0 --file=%slink.bin" % d, "--port=0 --recover-safe=%smissing.bin" % d),
+            ("Error: One of either --list, --file, --recover-safe or --recover-failsafe must be specified\n",
+             "", "--file=", "--all --reboot --force --long-lived --device-name=x"),
+            ("Error: Invalid device mode specified. Valid modes are 'normal', 'failsafe', or 'safemode'.\n",
+             "--device-mode=x --bogus", "--device-mode=safemode --list", "--device-mode= --list"),
+            ("Error: stoi\n", "--port=abc --list", "--port= --list", "--port=99999999999 --list"),
+            ("Error: The specified firmware file did not exist.\n", "--file=%smissing.bin" % d,
+             "--file=%sdangling.bin" % d),
+            ("Error: The specified firmware file was not a regular file.\n", "--file=" + d),
+        ]
+        for expected, *lines in table:
+            for line in lines:
+                with self.subTest(line):
+                    done = subprocess.run([DEVUPDATE, *line.split()], capture_output=True, timeout=TIMEOUT)
+                    self.assertEqual((done.stdout.decode(), done.returncode), (expected, 1))
 
 
 # One row per way the service can fail the tool: devsim's faults (None: nothing listens), the
