@@ -122,9 +122,8 @@ class Rollout(unittest.TestCase):
             self.assertEqual(result["Record the devices and those the job would serve"]["ansible_facts"]["devupdate_devices"],
                              [expected for _, expected in fleets[h]])
             job, report = result["Run the job"], result["Report what the job would do"]
-            ran = bool(requests[h])
             self.assertEqual((job.get("changed", False), job.get("failed", False), report.get("changed", False)),
-                             (ran, h == failing, "--check" in args))
+                             (bool(requests[h]), h == failing, "--check" in args))
             if h == failing:
                 self.assertIn("Flash write error", job["stdout"])
             if "--check" in args:

@@ -142,10 +142,6 @@ Text play(const char* args, const Text& events, Text& wire) {
     return out.str() + "|" + states[machine.getState()] + (client->disconnected ? " disconnected" : "");
 }
 
-void PrintTo(const Scenario& s, std::ostream* os) {
-    *os << s.name;
-}
-
 class Controller : public ::testing::TestWithParam<Scenario> {};
 
 TEST_P(Controller, PrintsSendsAndEnds) {

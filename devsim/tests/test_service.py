@@ -40,11 +40,6 @@ class Service(Journey):
                  {"name": "odd", "isSafeModeDevice": True}]
         self.port = self.sim("--fleet=" + self.write("fleet.json", json.dumps(fleet))).port
 
-    def write(self, name, text):
-        with open(os.path.join(self.folder, name), "w") as f:
-            f.write(text)
-        return f.name
-
     def test_bad_requests_are_refused_with_a_code_and_a_reason(self):
         image, other = self.write("fw.bin", "plain image\n"), self.write("other.bin", "DEVFW1 manufacturer=northwind\n")
         upgrade = lambda device, path=image: {"msg": "upgrade", "device": device, "filePath": path}
