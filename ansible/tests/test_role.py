@@ -11,7 +11,7 @@ import unittest
 COLLECTION = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 DEVUPDATE = os.environ.get("DEVUPDATE", "devupdate")
 sys.path.insert(0, os.path.join(os.path.dirname(COLLECTION), "e2e"))
-from test_devupdate import Sim  # noqa: E402  (a devsim on an ephemeral port that records what it receives)
+from test_devupdate import Journey  # noqa: E402  (a scratch folder, and devsims that record what they receive)
 
 TIMEOUT = 120  # seconds; rows of ansible-playbook side by side on a busy machine
 HOSTS = ("h1", "h2", "h3")
@@ -79,27 +79,20 @@ ROWS = [
 ]
 
 
-class Rollout(unittest.TestCase):
-    def start(self, args, failing):
-        """Three devsims and the rollout playbook against them, left running."""
-        folder = tempfile.mkdtemp(dir=SCRATCH)
+class Rollout(Journey):
+    def start(self, row, args, failing):
+        """Three devsims and the rollout playbook against them, in the row's own folder, left running."""
+        folder = os.path.join(self.folder, row)
+        os.mkdir(folder)
         fleets = {h: fleet(h, FAILURE if h == failing else {}) for h in HOSTS}
-        sims = {}
-        for h in HOSTS:
-            with open(os.path.join(folder, h + ".json"), "w") as f:
-                json.dump([device for device, _ in fleets[h]], f)
-            sims[h] = Sim(folder, ["--fleet=" + f.name])
-        for sim in sims.values():
-            self.addCleanup(lambda sim=sim: self.assertEqual(sim.stop(), 0, "devsim did not stop cleanly"))
-        with open(os.path.join(folder, "fw.bin"), "w") as f:
-            f.write("DEVFW1 version=2.1.0\n")
-        with open(os.path.join(folder, "hosts"), "w") as f:
-            f.write("[benches]\n" + "".join("%s devupdate_port=%d\n" % (h, sims[h].port) for h in HOSTS))
-            # The tool is there, so the package named here must never be looked at.
-            f.write("[benches:vars]\nansible_connection=local\nansible_python_interpreter={{ ansible_playbook_python }}\n"
-                    "devupdate_command=%s\ndevupdate_deb=/nonexistent/devupdate.deb\n"
-                    "devupdate_image_dir=%s/{{ inventory_hostname }}\n" % (DEVUPDATE, folder))
-
+        sims = {h: self.sim("--fleet=" + self.write("%s/%s.json" % (row, h), json.dumps([d for d, _ in fleets[h]])))
+                for h in HOSTS}
+        self.write(row + "/fw.bin", "DEVFW1 version=2.1.0\n")
+        # The tool is there, so the package named here must never be looked at.
+        self.write(row + "/hosts", "[benches]\n" + "".join("%s devupdate_port=%d\n" % (h, sims[h].port) for h in HOSTS) +
+                   "[benches:vars]\nansible_connection=local\nansible_python_interpreter={{ ansible_playbook_python }}\n"
+                   "devupdate_command=%s\ndevupdate_deb=/nonexistent/devupdate.deb\n"
+                   "devupdate_image_dir=%s/{{ inventory_hostname }}\n" % (DEVUPDATE, folder))
         with open(os.path.join(folder, "out"), "w") as out, open(os.path.join(folder, "err"), "w") as err:
             play = subprocess.Popen(["ansible-playbook", "-i", "hosts", "devupdate.fleet.rollout", "-e", "image=fw.bin",
                                      *args], cwd=folder, env=ENV, stdout=out, stderr=err)
@@ -131,7 +124,7 @@ class Rollout(unittest.TestCase):
 
     def test_rollouts(self):
         # The rows run side by side: each has its own devsims and folder.
-        started = [self.start(args, failing) for _, args, failing, *_ in ROWS]
+        started = [self.start(str(n), args, failing) for n, (_, args, failing, *_) in enumerate(ROWS)]
         for (name, *row), row_started in zip(ROWS, started):
             with self.subTest(name):
                 self.check(row_started, *row)

@@ -29,12 +29,11 @@ TEST(WebsocketClient, OneReaderServesEveryPayloadAndOnlyItsOwnErrorsAreCaught) {
         client.receivePayload(payload);
     }
     std::cout.rdbuf(saved);
-    EXPECT_EQ(out.str() + log,
-              "Failed to parse JSON message: * Line 1, Column 2\n"
-              "  Missing '}' or object member name\n\n"
-              "Failed to parse JSON message: Exceeded stackLimit in readValue().\n"
-              "[1]\n" +
-                  deep + "\n");
+    EXPECT_EQ(out.str() + log, "Failed to parse JSON message: * Line 1, Column 2\n"
+                               "  Missing '}' or object member name\n\n"
+                               "Failed to parse JSON message: Exceeded stackLimit in readValue().\n"
+                               "[1]\n" +
+                                   deep + "\n");
     client.onMessage([](Json::Value) { throw std::logic_error("from the callback"); });
     EXPECT_THROW(client.receivePayload("{}"), std::logic_error);
 }

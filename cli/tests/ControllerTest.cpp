@@ -40,9 +40,7 @@ const auto boot = [](Text n) { return R"({"device":")" + n + "\",\"msg\":\"reboo
 const auto recover = [](Text key, Text n) { return "{\"" + key + "\":\"" + n + "\",\"msg\":\"failsafe_recover\"}\n"; };
 const auto bar0 = [](Text n) { return "Updating " + n + " : [>                                                 ] 0%"; };
 const auto redraw = [](Text n, Text bar) { return "\rUpdating " + n + " : " + bar; };
-const auto ok = [](Text n) {
-    return redraw(n, "[==================================================] 100% - SUCCESS\n");
-};
+const auto ok = [](Text n) { return redraw(n, "[" + Text(50, '=') + "] 100% - SUCCESS\n"); };
 const auto job = [](Text n) { return bar0(n) + ok(n); };
 
 struct Scenario {

@@ -9,7 +9,6 @@
 namespace {
 
 using devsim::Fleet;
-using devsim::Script;
 
 // A file of the test's own; the process id keeps parallel test processes apart.
 std::string writeFile(const std::string& name, const std::string& text) {
@@ -20,7 +19,7 @@ std::string writeFile(const std::string& name, const std::string& text) {
 
 // The first device's script in brief, or the error that loading the file gives.
 std::string load(const std::string& path) try {
-    const Script s = Fleet::fromFile(path).devices().at(0).script;
+    const devsim::Script s = Fleet::fromFile(path).devices().at(0).script;
     const char* ends[] = {"done", "fail", "result", "stall"};
     return ends[static_cast<int>(s.end)] + (" at " + std::to_string(s.at)) + " code " + std::to_string(s.resultCode) +
            (s.refuse ? " refused" : "");
