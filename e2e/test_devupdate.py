@@ -87,13 +87,6 @@ class Journey(unittest.TestCase):
         done = subprocess.run([DEVUPDATE, *args], cwd=self.folder, capture_output=True, timeout=TIMEOUT)
         return done.stdout.decode(), done.returncode, done.stderr.decode()
 
-    def start(self, port, *args):
-        tool = subprocess.Popen([DEVUPDATE, "--port=%d" % port, *args], cwd=self.folder, stdout=subprocess.PIPE,
-                                stderr=subprocess.DEVNULL)
-        self.addCleanup(tool.communicate)
-        self.addCleanup(tool.kill)
-        return tool
-
 
 class Journeys(Journey):
     def test_frames_sent_just_before_the_end_reach_the_service(self):
@@ -181,7 +174,10 @@ class Faults(Journey):
                 self.assertIn(log, errors)
 
     def test_silent_service_is_waited_for_without_spinning(self):
-        tool = self.start(self.sim("--mute-after=2").port, *UPDATE)
+        tool = subprocess.Popen([DEVUPDATE, "--port=%d" % self.sim("--mute-after=2").port, *UPDATE], cwd=self.folder,
+                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.addCleanup(tool.communicate)
+        self.addCleanup(tool.kill)
         self.assertEqual(read_until(tool.stdout, STARTED), STARTED)
         ticks = lambda: sum(map(int, slurp("/proc/%d/stat" % tool.pid).rsplit(")", 1)[1].split()[11:13]))
         before = ticks()
