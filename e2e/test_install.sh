@@ -46,10 +46,10 @@ services() {
 # them ("*N": N names). A build under the sanitizers skips the big fleet: its tool lists
 # 10,000 devices too slowly to finish within the completion's one second.
 table() {
-    local odd_list big_rows
-    odd_list=$(printf '%s\n' "${odd_names[@]}" | LC_ALL=C sort | paste -sd'|' -) big_rows=--port=$big
-    grep -q '^DEVUPDATE_SANITIZE:BOOL=ON' "$build/CMakeCache.txt" && big_rows=-
-    grep -v -- "$big_rows " <<EOF | sed -n "s/^[a-z]*$1[a-z]*|//p"
+    local odd_list skip=
+    odd_list=$(printf '%s\n' "${odd_names[@]}" | LC_ALL=C sort | paste -sd'|' -)
+    ! grep -q '^DEVUPDATE_SANITIZE:BOOL=ON' "$build/CMakeCache.txt" || skip="--port=$big "
+    awk -v skip="$skip" 'skip == "" || !index($0, skip)' <<EOF | sed -n "s/^[a-z]*$1[a-z]*|//p"
 bzf|devupdate --li|devupdate --list${space}|--list
 b|devupdate -||$(options devupdate | paste -sd'|')
 b|devupdate --device-mo||--device-mode=
