@@ -120,7 +120,9 @@ void WebsocketClient::discardUnread() {
     asio::error_code readError;
     socket.non_blocking(true, readError);
     char unread[65536];
-    while (!readError && socket.read_some(asio::buffer(unread), readError) > 0) {
+    // A read ends with an error (would block, end of file) exactly when there is nothing left.
+    while (!readError) {
+        socket.read_some(asio::buffer(unread), readError);
     }
 }
 
