@@ -37,8 +37,8 @@ void WebsocketClient::disconnect() {
 }
 
 WebsocketClient::Outbox::Outbox(Endpoint& owner)
-    : endpoint(owner), messages(std::make_shared<Config::con_msg_manager_type>()),
-      framer(false, false, messages, rng) {}
+    : endpoint(owner), messages(std::make_shared<Config::con_msg_manager_type>()), framer(false, false, messages, rng) {
+}
 
 WebsocketClient::Endpoint::message_ptr WebsocketClient::Outbox::frame(const std::string& text) {
     Endpoint::message_ptr payload = messages->get_message(websocketpp::frame::opcode::text, text.size());
