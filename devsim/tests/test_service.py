@@ -23,9 +23,10 @@ def exchange(port, requests, last):
             size = stream.read(2)[1] & 127
             size = int.from_bytes(stream.read(2 if size == 126 else 8), "big") if size > 125 else size
             got.append(json.loads(stream.read(size)))
-            for data in map(str.encode, map(json.dumps, requests if len(got) == 1 else [])):
-                size = bytes([0x80 | len(data)]) if len(data) < 126 else b"\xfe" + len(data).to_bytes(2, "big")
-                sock.sendall(b"\x81" + size + bytes(4) + data)
+            if len(got) == 1:  # the list is in: send the requests
+                for data in (json.dumps(request).encode() for request in requests):
+                    length = bytes([0x80 | len(data)]) if len(data) < 126 else b"\xfe" + len(data).to_bytes(2, "big")
+                    sock.sendall(b"\x81" + length + bytes(4) + data)
         return got
 
 
