@@ -25,6 +25,13 @@ NOT_JSON = "Failed to parse JSON message: * Line 1, Column 1\n  Syntax error: va
 TOO_DEEP = "Failed to parse JSON message: Exceeded stackLimit in readValue().\n"
 
 
+def listing(devices):
+    """What `--list` prints for devsim's --generate-fleet=N, and the names in its order."""
+    names = ["node-%05d" % n for n in range(1, devices + 1)]
+    models = ("Acme,X100 Controller,2.0.3", "Northwind,NW-200 Gateway,4.1.0")
+    return "".join("Found[Normal]:   %s,%s\n" % (name, models[n % 2]) for n, name in enumerate(names)), names
+
+
 def slurp(path):
     with open(path) as f:
         return f.read()
@@ -90,23 +97,29 @@ class Journey(unittest.TestCase):
 
 class Journeys(Journey):
     def test_frames_sent_just_before_the_end_reach_the_service(self):
-        upgrade = '{"device":"lobby-panel-01","filePath":"%s/fw.bin","msg":"upgrade","override":"false"}\n'
+        upgrade = '{"device":"%s","filePath":"%s/fw.bin","msg":"upgrade","override":"false"}\n'
         reboots = lambda names: "".join('{"device":"%s","msg":"reboot"}\n' % name for name in names)
-        fleet = ["node-%05d" % n for n in range(1, 5001)]
-        listed = "".join("Found[Normal]:   %s,%s\n" % (name, ("Acme,X100 Controller,2.0.3", "Northwind,NW-200 Gateway,4.1.0")[n % 2])
-                         for n, name in enumerate(fleet))
+        listed, fleet = listing(5000)
+        listed_big, fleet_big = listing(20000)
+        _, few = listing(300)
+        bars = "".join((STARTED + DONE).replace("lobby-panel-01", name) for name in few)
         big = "big-" + "x" * 8000000  # larger than what the sockets buffer while devsim does not read
         big_fleet = self.write("big.json", json.dumps([{"name": big}]))
-        # devsim's options, the tool's, its output, and every frame devsim received, in order.
+        # devsim's options, the tool's, its output, and every frame devsim received, in order. devsim
+        # announces each reboot as it reads it, so a tool that closed before every frame was read
+        # would lose the rest to the reset its system sends back.
         table = [
-            ((), (*UPDATE, "--reboot"), STARTED + DONE, upgrade % self.folder + reboots(["lobby-panel-01"])),
+            ((), (*UPDATE, "--reboot"), STARTED + DONE,
+             upgrade % ("lobby-panel-01", self.folder) + reboots(["lobby-panel-01"])),
             ((), ("--recover-safe", "--recover-failsafe", "--all", "--reboot"),
              (STARTED + DONE).replace("lobby-panel-01", "dock-controller-03") +
              (STARTED + DONE).replace("lobby-panel-01", "yard-gw-07"),
              '{"device":"dock-controller-03","msg":"failsafe_recover"}\n' + reboots(["dock-controller-03"]) +
              '{"macaddr":"yard-gw-07","msg":"failsafe_recover"}\n' + reboots(["yard-gw-07"])),
+            (("--generate-fleet=300", "--pause-reading-ms=1"), ("--file=fw.bin", "--all", "--reboot"), bars,
+             "".join(upgrade % (name, self.folder) + reboots([name]) for name in few)),
             (("--generate-fleet=5000",), ("--list", "--reboot"), listed, reboots(fleet)),
-            (("--generate-fleet=5000", "--pause-reading-ms=200"), ("--list", "--reboot"), listed, reboots(fleet)),
+            (("--generate-fleet=20000", "--pause-reading-ms=20"), ("--list", "--reboot"), listed_big, reboots(fleet_big)),
             (("--fleet=" + big_fleet, "--pause-reading-ms=500"), ("--list", "--reboot"),
              "Found[Normal]:   %s,?,?,?\n" % big, reboots([big])),
         ]
@@ -115,6 +128,13 @@ class Journeys(Journey):
                 sim = self.sim(*sim_args)
                 self.assertEqual(self.tool("--port=%d" % sim.port, *args), (output, 0, ""))
                 self.assertEqual(sim.frames(), frames)
+                self.assertTrue(" gone (dropped without closing: End of File)" in slurp(sim.log_path),
+                                "the tool's connection did not end with an end of stream")
+
+    def test_a_run_that_sent_nothing_does_not_wait_for_the_service_to_close(self):
+        sim = self.sim("--generate-fleet=4", "--pause-reading-ms=3000")  # long deaf to the tool's end of stream
+        self.assertEqual(self.tool("--port=%d" % sim.port, "--list"), (listing(4)[0], 0, ""))
+        self.assertNotIn(" gone (", slurp(sim.log_path), "the tool waited for the service to close")
 
 
 class Entry(Journey):
@@ -149,7 +169,8 @@ class Entry(Journey):
 
 
 # One row per way the service can fail the tool: devsim's faults (None: nothing listens), the
-# tool's arguments, its output, exit status and a text its standard error holds ("": empty).
+# tool's arguments, its output, exit status and a text its standard error holds ("": empty; None:
+# not looked at).
 FAULTS = [
     ("nothing listening", None, ("--list",), "", 1, "Connection refused"),
     ("closed mid-job", ("--close-after=2",), UPDATE, STARTED, 1, ""),
@@ -159,6 +180,10 @@ FAULTS = [
     ("nested past the reader's limit mid-job", ("--deep-after=2",), UPDATE, STARTED + TOO_DEEP + DONE, 0, ""),
     ("binary frames", ("--binary",), UPDATE, STARTED + DONE, 0, ""),
     ("oversized frame mid-job", ("--oversize-after=2",), UPDATE, STARTED, 1, "A message was too large"),
+    # Reset after reading about a hundred reboots: the run was over, but not every request was read.
+    # Whether the library saw the reset, and logged it, depends on when it came.
+    ("reset amid a list's reboots", ("--generate-fleet=3000", "--reset-after=201"), ("--list", "--reboot"),
+     listing(3000)[0], 1, None),
 ]
 
 
@@ -170,8 +195,9 @@ class Faults(Journey):
                 port = idle.getsockname()[1] if sim_args is None else self.sim(*sim_args).port
                 got, code, errors = self.tool("--port=%d" % port, *args)
                 self.assertEqual((got, code), (output, status))
-                self.assertEqual(bool(errors), bool(log), errors)
-                self.assertIn(log, errors)
+                if log is not None:
+                    self.assertEqual(bool(errors), bool(log), errors)
+                    self.assertIn(log, errors)
 
     def test_silent_service_is_waited_for_without_spinning(self):
         tool = subprocess.Popen([DEVUPDATE, "--port=%d" % self.sim("--mute-after=2").port, *UPDATE], cwd=self.folder,

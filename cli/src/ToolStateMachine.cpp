@@ -257,8 +257,9 @@ void ToolStateMachine::onConnectionState(IWebsocketClient::State connectionState
             setState(Connected);
         }
     } else if (connectionState == IWebsocketClient::Closed) {
-        // Losing the service before the run is over fails it silently.
-        if (state != Done && state != Failed) {
+        // Losing the service fails the run silently, also once it is over: a finished run
+        // hears of it only when what it sent last may not have been read.
+        if (state != Failed) {
             setState(Failed);
         }
     }

@@ -31,8 +31,8 @@ void WebsocketClient::connect(const std::string& uri) {
 }
 
 void WebsocketClient::disconnect() {
-    // No close frame and no state change: the loop stops, but only after every frame
-    // sent so far is on the socket. A peer that stops reading keeps it waiting.
+    // No close frame and no state change: the loop stops once every frame sent so far is
+    // on the socket, and run() then sees them read before it returns.
     outbox->stopWhenWritten();
 }
 
@@ -53,11 +53,16 @@ WebsocketClient::Endpoint::message_ptr WebsocketClient::Outbox::frame(const std:
                                     }
                                 });
     ++held;
+    sentAny = true;
     websocketpp::lib::error_code ec = framer.prepare_data_frame(payload, frame);
     if (ec) {
         throw websocketpp::exception(ec);
     }
     return frame;
+}
+
+bool WebsocketClient::Outbox::anySent() const {
+    return sentAny;
 }
 
 void WebsocketClient::Outbox::stopWhenWritten() {
@@ -102,28 +107,53 @@ void WebsocketClient::sendMessage(Json::Value message) {
 
 void WebsocketClient::run() {
     client.run();
-    discardUnread();
-}
-
-void WebsocketClient::discardUnread() {
-    // Closing a socket that still holds unread bytes aborts the connection, and an abort
-    // throws away whatever the socket has not sent yet: the last frames of a run would
-    // never reach a service that was still answering the earlier ones. What has arrived
-    // after the loop stopped is read and dropped here, so that the socket ends with an
-    // ordinary close and keeps sending what it holds.
     websocketpp::lib::error_code ec;
     Endpoint::connection_ptr con = client.get_con_from_hdl(connection, ec);
-    if (!con) {
-        return;
+    if (!con || connectionState != Open) {
+        return; // the connection ended inside the loop and has been reported there
     }
     asio::ip::tcp::socket& socket = con->get_raw_socket();
+    if (!outbox->anySent()) {
+        discardUnread(socket); // nothing to deliver: close at once
+        return;
+    }
+    if (con->get_state() != websocketpp::session::state::open || !deliver(socket)) {
+        // Requests may be lost; the controller must learn it even though its run is over.
+        onCloseHandler(connection);
+    }
+}
+
+bool WebsocketClient::discardUnread(asio::ip::tcp::socket& socket) {
+    // Closing a socket that still holds unread bytes aborts the connection, and an abort
+    // throws away whatever the socket has not sent yet. A read ends with an error (would
+    // block, end of stream, reset) exactly when there is nothing left.
     asio::error_code readError;
     socket.non_blocking(true, readError);
     char unread[65536];
-    // A read ends with an error (would block, end of file) exactly when there is nothing left.
     while (!readError) {
         socket.read_some(asio::buffer(unread), readError);
     }
+    return readError == asio::error::would_block;
+}
+
+bool WebsocketClient::deliver(asio::ip::tcp::socket& socket) {
+    // Bytes on our socket are not yet read by the service, and a service answers while it
+    // reads: closing now would reset the connection and lose what it has not taken. So
+    // end our sending side (the end of stream travels behind the last frame), read and
+    // drop its answers, and close only once it has closed its side: a service does that
+    // after reading everything before the end of stream. An end or an error before our
+    // end of stream went out means the service never read it all.
+    if (!discardUnread(socket)) {
+        return false;
+    }
+    asio::error_code ec;
+    socket.non_blocking(false, ec);
+    socket.shutdown(asio::ip::tcp::socket::shutdown_send, ec);
+    char unread[65536];
+    while (!ec) {
+        socket.read_some(asio::buffer(unread), ec);
+    }
+    return ec == asio::error::eof;
 }
 
 void WebsocketClient::onMessageHandler(websocketpp::connection_hdl, Endpoint::message_ptr message) {

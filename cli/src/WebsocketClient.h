@@ -105,7 +105,11 @@ public:
     void onFailHandler(websocketpp::connection_hdl hdl);
 
 private:
-    void discardUnread();
+    // Reads and drops whatever has arrived; false when the connection ended meanwhile.
+    static bool discardUnread(asio::ip::tcp::socket& socket);
+    // Ends the sending side and waits for the service to close its own; false when the
+    // connection failed or ended early instead.
+    static bool deliver(asio::ip::tcp::socket& socket);
 
     // The frames handed to the connection and not yet released by it. The connection
     // lets go of a frame only once the transport has finished writing the batch that
@@ -117,6 +121,8 @@ private:
         explicit Outbox(Endpoint& owner);
         // A masked text frame, ready for the wire, counted until the connection drops it.
         Endpoint::message_ptr frame(const std::string& text);
+        // Whether any frame was ever handed out: a run that sent none has nothing to deliver.
+        bool anySent() const;
         // Stops the loop now when nothing is held, otherwise once the last frame is released.
         void stopWhenWritten();
 
@@ -127,6 +133,7 @@ private:
         Endpoint& endpoint;
         std::size_t held = 0;
         bool stopping = false;
+        bool sentAny = false;
         Config::rng_type rng;
         Config::con_msg_manager_type::ptr messages;
         websocketpp::processor::hybi13<Config> framer;

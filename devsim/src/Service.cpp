@@ -202,7 +202,6 @@ void Service::handleFrame(Hdl hdl, const std::string& payload) {
     Client* client = clientOf(hdl);
     if (!client)
         return;
-    client->lastFrame = std::chrono::steady_clock::now();
     if (record.is_open()) {
         record.write(payload.data(), static_cast<std::streamsize>(payload.size()));
         record.flush();
@@ -336,9 +335,9 @@ void Service::handleReboot(Client& client, const Json::Value& request) {
     Json::Value message(Json::objectValue);
     message["msg"] = "device_removed";
     message["device"] = device->object;
-    broadcastWhenRead(message);
+    broadcast(message);
     message["msg"] = "device_added";
-    broadcastWhenRead(message);
+    broadcast(message);
 }
 
 void Service::startJob(Hdl hdl, Client& client, Device& device, Json::Value after, bool recovery) {
@@ -456,56 +455,12 @@ void Service::broadcast(const Json::Value& message) {
         sendText(hdl, text);
 }
 
-void Service::broadcastWhenRead(const Json::Value& message) {
-    std::string text = toText(message);
-    for (auto& entry : clients) {
-        entry.second.heldBack.push_back(text);
-        if (entry.second.heldBack.size() == 1)
-            sendHeldBack(entry.first);
-    }
-}
-
-void Service::sendHeldBack(Hdl hdl) {
-    Client* client = clientOf(hdl);
-    websocketpp::lib::error_code ec;
-    Server::connection_ptr con = server.get_con_from_hdl(hdl, ec);
-    if (!client || !con || client->heldBack.empty())
-        return;
-    // A client that sends a burst of requests may leave as soon as the last one is on its
-    // socket. Writing to it then makes its system reset the connection, which throws away
-    // what it had not sent yet and, with websocketpp, ends the connection here with
-    // requests unread. So news about a device waits until everything the client sent has
-    // been read and it has sent nothing for a moment: by then its socket holds nothing
-    // more for us, and a reset loses nothing.
-    const auto quiet = std::chrono::milliseconds(200);
-    const auto idle = std::chrono::steady_clock::now() - client->lastFrame;
-    asio::socket_base::bytes_readable unread;
-    con->get_socket().io_control(unread, ec);
-    if (ec || (unread.get() == 0 && idle >= quiet)) {
-        std::vector<std::string> texts;
-        texts.swap(client->heldBack);
-        for (const std::string& text : texts)
-            sendText(hdl, text);
-        return;
-    }
-    if (!client->heldBackRetry)
-        client->heldBackRetry = std::make_shared<asio::steady_timer>(io);
-    client->heldBackRetry->expires_after(unread.get() > 0 || idle >= quiet
-                                             ? std::chrono::milliseconds(5)
-                                             : std::chrono::duration_cast<std::chrono::milliseconds>(quiet - idle) +
-                                                   std::chrono::milliseconds(1));
-    client->heldBackRetry->async_wait([this, hdl](const asio::error_code& waited) {
-        if (!waited)
-            sendHeldBack(hdl);
-    });
-}
-
 void Service::sendText(Hdl hdl, const std::string& text) {
     Client* client = clientOf(hdl);
     if (!client || client->muted || client->closing)
         return;
     std::error_code ec;
-    server.send(hdl, text, options.binary ? websocketpp::frame::opcode::binary : websocketpp::frame::opcode::text, ec);
+    write(hdl, *client, text, ec);
     if (ec) {
         log("client " + std::to_string(client->id) + ": send failed: " + ec.message());
         return;
@@ -513,6 +468,29 @@ void Service::sendText(Hdl hdl, const std::string& text) {
     ++client->sent;
     client->pauseDue = options.pauseReadingMs >= 0;
     applyFaults(hdl, *client);
+}
+
+void Service::write(Hdl hdl, Client& client, const std::string& text, std::error_code& ec) {
+    auto opcode = options.binary ? websocketpp::frame::opcode::binary : websocketpp::frame::opcode::text;
+    Server::message_ptr payload = messages->get_message(opcode, text.size());
+    payload->append_payload(text);
+    // A frame released after its client has gone finds nothing to count.
+    Server::message_ptr frame(new Config::message_type(messages),
+                              [pending = std::weak_ptr<Unwritten>(client.unwritten)](Config::message_type* done) {
+                                  delete done;
+                                  std::shared_ptr<Unwritten> left = pending.lock();
+                                  if (left && --left->count == 0 && left->whenWritten) {
+                                      std::function<void()> then;
+                                      then.swap(left->whenWritten);
+                                      then();
+                                  }
+                              });
+    ++client.unwritten->count;
+    Server::connection_ptr con = server.get_con_from_hdl(hdl, ec);
+    if (!ec)
+        ec = framer.prepare_data_frame(payload, frame);
+    if (!ec)
+        ec = con->send(frame);
 }
 
 void Service::pauseReading(Hdl hdl, Client& client) {
@@ -542,25 +520,24 @@ void Service::pauseReading(Hdl hdl, Client& client) {
 void Service::applyFaults(Hdl hdl, Client& client) {
     std::string who = "client " + std::to_string(client.id) + ": ";
     auto reached = [&](long limit) { return limit >= 0 && client.sent >= limit; };
-    auto opcode = options.binary ? websocketpp::frame::opcode::binary : websocketpp::frame::opcode::text;
     std::error_code ec;
     if (reached(options.garbageAfter) && !client.garbageDone) {
         client.garbageDone = true;
         log(who + "sending a frame that is not JSON");
-        server.send(hdl, std::string("this is not json"), opcode, ec);
+        write(hdl, client, std::string("this is not json"), ec);
     }
     if (reached(options.notObjectAfter) && !client.notObjectDone) {
         client.notObjectDone = true;
         // Valid JSON holding what would be a message, so a client that looks inside
         // anything but an object shows it.
         log(who + "sending a JSON frame that is not an object");
-        server.send(hdl, std::string("[{\"devices\":[],\"msg\":\"devices\"}]"), opcode, ec);
+        write(hdl, client, std::string("[{\"devices\":[],\"msg\":\"devices\"}]"), ec);
     }
     if (reached(options.deepAfter) && !client.deepDone) {
         client.deepDone = true;
         // One level past the 1,000 that JSON readers commonly allow.
         log(who + "sending a frame nested 1001 deep");
-        server.send(hdl, std::string(1001, '[') + std::string(1001, ']'), opcode, ec);
+        write(hdl, client, std::string(1001, '[') + std::string(1001, ']'), ec);
     }
     if (reached(options.oversizeAfter) && !client.oversizeDone) {
         client.oversizeDone = true;
@@ -569,7 +546,7 @@ void Service::applyFaults(Hdl hdl, Client& client) {
         big.append(33000000, 'x');
         big += "\"}";
         log(who + "sending an oversized frame of " + std::to_string(big.size()) + " bytes");
-        server.send(hdl, big, opcode, ec);
+        write(hdl, client, big, ec);
     }
     if (reached(options.muteAfter) && !client.muted) {
         client.muted = true;
@@ -578,7 +555,12 @@ void Service::applyFaults(Hdl hdl, Client& client) {
     if (reached(options.dropAfter) && !client.closing) {
         client.closing = true;
         log(who + "dropping the connection after " + std::to_string(client.sent) + " messages");
-        dropWhenFlushed(hdl);
+        cutWhenWritten(hdl, client, false);
+    }
+    if (reached(options.resetAfter) && !client.closing) {
+        client.closing = true;
+        log(who + "resetting the connection after " + std::to_string(client.sent) + " messages");
+        cutWhenWritten(hdl, client, true);
     }
     if (reached(options.closeAfter) && !client.closing) {
         client.closing = true;
@@ -587,20 +569,27 @@ void Service::applyFaults(Hdl hdl, Client& client) {
     }
 }
 
-void Service::dropWhenFlushed(Hdl hdl) {
-    std::error_code ec;
-    Server::connection_ptr con = server.get_con_from_hdl(hdl, ec);
-    if (!con)
-        return;
-    if (con->get_buffered_amount() > 0) {
-        // Frames sent so far go out first; look again shortly.
-        auto retry = std::make_shared<asio::steady_timer>(io, std::chrono::milliseconds(1));
-        retry->async_wait([this, hdl, retry](const asio::error_code&) { dropWhenFlushed(hdl); });
-        return;
-    }
-    // The socket ends under the library: the peer reads the end of the stream with no
-    // close frame before it, as when a service crashes.
-    con->get_socket().shutdown(asio::ip::tcp::socket::shutdown_both, ec);
+void Service::cutWhenWritten(Hdl hdl, Client& client, bool reset) {
+    // A drop lets the peer read the end of the stream with no close frame before it, as
+    // when a service crashes; it waits for the frames sent so far, the last of which may
+    // be large and still going out. A reset aborts the connection at once, as when a
+    // service dies with requests unread: both systems throw away what they hold.
+    auto cut = [this, hdl, reset] {
+        std::error_code ec;
+        Server::connection_ptr con = server.get_con_from_hdl(hdl, ec);
+        if (!con)
+            return;
+        if (!reset) {
+            con->get_socket().shutdown(asio::ip::tcp::socket::shutdown_both, ec);
+        } else {
+            con->get_socket().set_option(asio::socket_base::linger(true, 0), ec);
+            con->get_socket().close(ec);
+        }
+    };
+    if (reset || client.unwritten->count == 0)
+        cut();
+    else
+        client.unwritten->whenWritten = cut;
 }
 
 void Service::after(long ms, std::function<void()> action) {

@@ -33,6 +33,7 @@ struct Options {
     long notObjectAfter = -1;
     long deepAfter = -1;
     long dropAfter = -1;
+    long resetAfter = -1;
     long pauseReadingMs = -1; // after every message sent, read nothing from that client for this long
     bool binary = false;
 };
@@ -52,6 +53,14 @@ private:
     using Server = websocketpp::server<websocketpp::config::asio>;
     using Hdl = websocketpp::connection_hdl;
 
+    // The frames handed to a connection that it has not finished writing. The connection
+    // lets go of a frame only once its write has completed (or the connection is gone);
+    // its send buffer empties earlier, when a batch is handed to the socket.
+    struct Unwritten {
+        std::size_t count = 0;
+        std::function<void()> whenWritten; // runs once, when the count next reaches zero
+    };
+
     struct Client {
         int id = 0;
         std::string peer;
@@ -64,9 +73,7 @@ private:
         bool deepDone = false;
         bool pauseDue = false;                         // a message went out since reading last paused
         std::shared_ptr<asio::steady_timer> readPause; // resumes reading once it expires
-        std::vector<std::string> heldBack;             // frames waiting until the client's requests are read
-        std::shared_ptr<asio::steady_timer> heldBackRetry;
-        std::chrono::steady_clock::time_point lastFrame; // when the client's last frame was read
+        std::shared_ptr<Unwritten> unwritten = std::make_shared<Unwritten>();
     };
 
     struct Job {
@@ -101,10 +108,11 @@ private:
     void send(Hdl hdl, const Json::Value& message);
     void sendText(Hdl hdl, const std::string& text);
     void broadcast(const Json::Value& message);
-    void broadcastWhenRead(const Json::Value& message);
-    void sendHeldBack(Hdl hdl);
+    // Every frame goes out through here, counted in the client's Unwritten.
+    void write(Hdl hdl, Client& client, const std::string& text, std::error_code& ec);
     void applyFaults(Hdl hdl, Client& client);
-    void dropWhenFlushed(Hdl hdl);
+    // Ends the TCP connection under the library once the frames sent so far are written.
+    void cutWhenWritten(Hdl hdl, Client& client, bool reset);
     void pauseReading(Hdl hdl, Client& client);
 
     const std::string& devicesText();
@@ -118,6 +126,12 @@ private:
     Options options;
     Fleet fleet;
     Server server;
+    // Frames are prepared here rather than by the connection, so that each one handed to it
+    // is the very object it writes and releases.
+    using Config = websocketpp::config::asio;
+    Config::rng_type rng;
+    Config::con_msg_manager_type::ptr messages = std::make_shared<Config::con_msg_manager_type>();
+    websocketpp::processor::hybi13<Config> framer{false, true, messages, rng};
     std::map<Hdl, Client, std::owner_less<Hdl>> clients;
     std::map<std::string, std::shared_ptr<Job>> jobs;
     std::vector<std::unique_ptr<asio::steady_timer>> timeline;

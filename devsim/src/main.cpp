@@ -31,6 +31,7 @@ const char* const kUsage = "Usage: devsim [options]\n"
                            "  --not-object-after=N  After N messages, send one JSON frame that is not an object\n"
                            "  --deep-after=N        After N messages, send one frame of arrays nested 1001 deep\n"
                            "  --drop-after=N        After N messages, drop the TCP connection without a close frame\n"
+                           "  --reset-after=N       After N messages, reset the TCP connection, leaving requests unread\n"
                            "  --pause-reading-ms=N  After every message, read nothing from that client for N ms\n"
                            "  --binary              Send every message as a binary frame\n"
                            "\n"
@@ -99,6 +100,8 @@ int main(int argc, char** argv) {
             options.deepAfter = static_cast<long>(toNumber("--deep-after", value, kMaxCount));
         } else if (takeValue(arg, "--drop-after", value)) {
             options.dropAfter = static_cast<long>(toNumber("--drop-after", value, kMaxCount));
+        } else if (takeValue(arg, "--reset-after", value)) {
+            options.resetAfter = static_cast<long>(toNumber("--reset-after", value, kMaxCount));
         } else if (takeValue(arg, "--pause-reading-ms", value)) {
             options.pauseReadingMs = static_cast<long>(toNumber("--pause-reading-ms", value, 3600000));
         } else {
