@@ -139,7 +139,6 @@ private:
         websocketpp::processor::hybi13<Config> framer;
     };
 
-
     Endpoint client;
     IWebsocketClient::State connectionState;
     std::function<void(IWebsocketClient::State)> stateChangeCallback;

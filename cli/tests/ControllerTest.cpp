@@ -156,6 +156,26 @@ TEST_P(Controller, PrintsSendsAndEnds) {
 INSTANTIATE_TEST_SUITE_P(Scenarios, Controller, ::testing::ValuesIn(kScenarios),
                          [](const ::testing::TestParamInfo<Scenario>& row) { return row.param.name; });
 
+// The client reports a connection lost after the run was over only when what it sent last may
+// not have been read: that fails the run. A failed run stays failed.
+TEST(Controller, ConnectionLostAfterTheEndFailsTheRun) {
+    const std::pair<const char*, ToolStateMachine::State> runs[] = {
+        {"--list --reboot", ToolStateMachine::Done}, {"--file=/a --device-name=z", ToolStateMachine::Failed}};
+    for (const auto& [args, ended] : runs) {
+        auto client = std::make_shared<ScriptedClient>();
+        client->addState(IWebsocketClient::Open);
+        client->addText(list(N("n1")));
+        std::ostringstream out;
+        ToolStateMachine machine(*parseArgs(args), out, client);
+        machine.run();
+        EXPECT_EQ(machine.getState(), ended) << args;
+        client->disconnected = false;
+        client->addState(IWebsocketClient::Closed);
+        client->run();
+        EXPECT_EQ(machine.getState(), ToolStateMachine::Failed) << args;
+    }
+}
+
 // A removal whose queue holds another name first never returns; the child ends by its alarm.
 TEST(ControllerDeathTest, RemovalBehindAnotherQueuedNameStalls) {
     Text wire, events = "open\n" + list(N("n1") + "," + N("n2") + "," + N("n3")) + rem(N("n3"));
