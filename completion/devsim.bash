@@ -11,7 +11,7 @@ _devsim()
         COMPREPLY=($(compgen -W '--port= --fleet= --generate-fleet= --tick-ms=
             --progress-steps= --record= --close-after= --garbage-after=
             --mute-after= --oversize-after= --not-object-after= --deep-after=
-            --drop-after= --pause-reading-ms= --binary --help' -- "$cur"))
+            --drop-after= --reset-after= --pause-reading-ms= --binary --help' -- "$cur"))
         # compopt came with bash 4; bash 3.2 adds the space.
         [[ ${COMPREPLY-} == *= ]] && type compopt >/dev/null 2>&1 && compopt -o nospace
         return

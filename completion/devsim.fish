@@ -13,6 +13,7 @@ complete -c devsim -l oversize-after -x -d 'Send one 33 MB frame after N message
 complete -c devsim -l not-object-after -x -d 'Send one JSON frame that is not an object after N messages'
 complete -c devsim -l deep-after -x -d 'Send one frame nested past the reader limit after N messages'
 complete -c devsim -l drop-after -x -d 'Drop the connection without a close frame after N messages'
+complete -c devsim -l reset-after -x -d 'Reset the connection after N messages'
 complete -c devsim -l pause-reading-ms -x -d 'After every message, read nothing from that client for N ms'
 complete -c devsim -l binary -d 'Send every message as a binary frame'
 complete -c devsim -s h -l help -d 'List the options'
