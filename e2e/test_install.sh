@@ -99,6 +99,31 @@ untouched() {
     [[ ! -e pwned ]] || fail "a device name was run as a command"
 }
 
+# Runs the devupdate, devsim and printf lines it reads as a user would type them: build/
+# paths as installed, /srv/fw/ as the current folder, comments and "|| ..." left out, each
+# devsim line starting a devsim on a free port that the lines after it talk to (one with
+# the built-in fleet before any). Sets statuses to the exit status of each other line. A
+# --long-lived line never ends by design and is skipped; where timeout(1) is missing
+# (macOS) the lines run without it.
+run_doc() {  # <TEXT
+    local line port= status
+    statuses=
+    while read -r line; do
+        line=${line%%  \#*} line=${line%% || *} line=${line//build\/cli\//} line=${line//build\/devsim\//}
+        line=${line//\/srv\/fw\//}
+        command -v timeout >/dev/null || line=${line#timeout [0-9]* }
+        case $line in
+        devsim | devsim\ -*) serve port $(sed 's/--port=[0-9]*//; s/&$//' <<<"${line#devsim}") --tick-ms=0 ;;
+        *--long-lived*) ;;
+        devupdate\ * | timeout\ * | printf\ *)
+            [[ -n $port ]] || serve port --tick-ms=0
+            line=$(sed -E "s/--port=[0-9]+ //; s/devupdate /devupdate --port=$port /" <<<"$line")
+            status=0 && (PATH=$bin:$PATH && eval "$line") >/dev/null 2>&1 </dev/null || status=$?
+            statuses+="${statuses:+ }$status" ;;
+        esac
+    done
+}
+
 case $3 in
 stage)
     rm -rf "$stage"
@@ -111,25 +136,36 @@ files)
         ! grep -nE 'make (demo|build|test|install|package)|cmake|build/|fleets/|docs/' "$doc" || fail "$doc talks about the source tree"
     done ;;
 man)
+    # man-db's man lints too where it is the man (not on macOS, whose man has no --warnings).
+    [[ $(uname) == Darwin ]] || mandb=y
     for page in devupdate devsim; do
         src=$stage/usr/share/man/man1/$page.1.gz
-        lint=$(mandoc -T lint -W warning "$src" 2>&1; zcat "$src" | groff -man -ww -z 2>&1
-               man --warnings -l "$src" 2>&1 >/dev/null)
+        lint=$(mandoc -T lint -W warning "$src" 2>&1; gzip -dc "$src" | groff -man -ww -z 2>&1
+               [[ -z ${mandb-} ]] || man --warnings -l "$src" 2>&1 >/dev/null)
         [[ -z $lint ]] || fail "$page.1 lint:"$'\n'"$lint"
-        text=$(mandoc -T ascii -O width=1000 "$src" | sed 's/.\x08//g')
+        text=$(mandoc -T ascii -O width=1000 "$src" | sed "s/.$(printf '\b')//g")
         opts=$(options $page) && [[ $opts == *--port=* ]] || fail "no options from $page --help"
         for option in $opts; do
             [[ $option == *= ]] && w= || w=w
             grep -qF$w -- "$option" <<<"$text" || fail "$page.1 does not describe $option"
         done
+        awk '/^[A-Z]/ { on = $0 == "EXAMPLES" } on' <<<"$text" >"$tmp/$page.1"
     done
-    # devsim's rehearsal, run line by line as printed (on a free port), ends with status 0.
-    example=$(sed -n '/^EXAMPLES/,/^SEE ALSO/p' <<<"$text" | sed -n '/ devsim --port=7071 &$/,/ kill %1$/p')
-    [[ $example == *devupdate* ]] || fail "devsim.1: no rehearsal in EXAMPLES"
-    serve port --tick-ms=0
-    (cd "$tmp" && PATH=$bin:$PATH && while read -r line; do
-        [[ $line == devsim\ * || $line == kill\ * ]] || eval "${line//7071/$port}" >/dev/null || exit
-     done <<<"$example") || fail "devsim.1's rehearsal ended with status $?" ;;
+    # The commands a reader copies from the pages' EXAMPLES and the READMEs' code, in the
+    # order printed, each doc in a folder of its own: per doc, the exit status of each.
+    src=$(cd "$here/.." && pwd)
+    while IFS='|' read -r doc want_statuses; do
+        mkdir "$tmp/${doc//\//_}.run" && cd "$tmp/${doc//\//_}.run" && ln -s "$src/devsim" devsim
+        printf 'DEVFW1 manufacturer=acme model=x100 version=2.1.0\n' >x100-2.1.0.bin && : >fw.bin
+        run_doc < <([[ $doc == *.md ]] && awk '/^```/ { code = !code; next } code' "$src/$doc" || cat "$tmp/$doc")
+        [[ $statuses == "$want_statuses" ]] || fail "$doc's commands ended with '$statuses', not '$want_statuses'"
+    done <<EOF
+devupdate.1|0 0 0 0 0 0
+devsim.1|0 0
+README.md|0 0 0 0 0 1
+devsim/README.md|0 0
+EOF
+    ;;
 completion)
     # Debian's bash-completion, or Homebrew's (2, or 1 for macOS's bash 3.2).
     brew=$(brew --prefix 2>/dev/null || true)
