@@ -29,8 +29,7 @@ options() {
         grep -oE -- ' --?[a-z][-a-z]*=?' | tr -d ' ' | grep -vx -- --update-all | LC_ALL=C sort -u
 }
 
-# devsim on an ephemeral port; its one line on standard output, read through a pipe, says
-# which.
+# devsim on an ephemeral port, which its one line on standard output names.
 serve() {  # VAR OPTIONS...: starts devsim and sets VAR to its port
     local pipe=$tmp/devsim$((++served)) line=
     mkfifo "$pipe"
@@ -51,9 +50,8 @@ services() {
         sed 's/.*/[&]/' >odd.json
     serve lobby --record=frames/lobby && serve odd --fleet=odd.json && serve mute --mute-after=0
     serve big --generate-fleet=10000 --tick-ms=0
-    # The completions' one-second watchdog runs on this clock instead: its second is over at
-    # once while clock/expired exists (the rows against the service that never answers),
-    # and never otherwise, so no row depends on how fast the tool lists on a busy machine.
+    # The watchdog's second is over at once while clock/expired exists (rows against the
+    # silent service), never otherwise: no row depends on how fast the tool lists.
     printf '#!/bin/sh\n[ -e "${0%%/*}/expired" ] && exit 0\nexec %s 86400\n' "$(command -v sleep)" >"$tmp/clock/sleep"
     chmod +x "$tmp/clock/sleep"
     PATH=$tmp/clock:$bin:$PATH
@@ -63,9 +61,8 @@ clock() {  # LINE: sets the watchdog's clock for a line of the table
 }
 # Tab after each line, in the shells the row names (b bash, z zsh, f fish): what zsh leaves
 # on the line, then the names offered as their user reads them back, sorted, "|" between
-# them ("*N": N names). The list line separates its fields with commas and quotes nothing,
-# so a line with more than four fields has no telling which one holds the comma: the
-# completions offer no name from it, rather than a name cut short that matches no device.
+# them ("*N": N names). A list line with a comma inside a field offers no name: there is no
+# telling which field holds it.
 table() {
     local odd_list
     odd_list=$(printf '%s\n' "${odd_names[@]}" | grep -v , | LC_ALL=C sort | paste -sd'|' -)
@@ -99,12 +96,10 @@ untouched() {
     [[ ! -e pwned ]] || fail "a device name was run as a command"
 }
 
-# Runs the devupdate, devsim and printf lines it reads as a user would type them: build/
-# paths as installed, /srv/fw/ as the current folder, comments and "|| ..." left out, each
-# devsim line starting a devsim on a free port that the lines after it talk to (one with
-# the built-in fleet before any). Sets statuses to the exit status of each other line. A
-# --long-lived line never ends by design and is skipped; where timeout(1) is missing
-# (macOS) the lines run without it.
+# Runs the devupdate, devsim and printf lines it reads as typed (build/ paths as installed,
+# /srv/fw/ as here, no comments or "|| ..."), each devsim on a free port that the lines after
+# it use (the built-in fleet before any); statuses: the exit status of each other line. A
+# --long-lived line never ends and is skipped; without timeout(1) (macOS) lines run bare.
 run_doc() {  # <TEXT
     local line port= status
     statuses=

@@ -28,26 +28,23 @@ FAILED_JOB = ("Stop on a failed job", "update failed on this host (devupdate exi
 def fleet(host, sim):
     """Per device: what devsim serves and the fact the role should record; `sim` scripts the panel's jobs."""
     acme, x100 = {"id": "acme", "name": "Acme"}, {"id": "x100", "name": "X100 Controller"}
-    return [
+    devices = [  # the device, its label's mode, its maker, model and version as printed ("?": not given)
         ({"name": host + "-panel", "manufacturer": acme, "product": dict(x100, version="2.0.3"), "sim": sim},
-         fact("Normal", host + "-panel,Acme,X100 Controller,2.0.3", host + "-panel", "Acme", "X100 Controller", "2.0.3")),
+         "Normal", "Acme", "X100 Controller", "2.0.3"),
         ({"name": host + "-gw", "manufacturer": {"id": "northwind", "name": "Northwind"},
           "product": {"id": "nw200", "name": "NW-200 Gateway", "version": "4.1.0", "versionString": "4.1.0 (build 5512)"}},
-         fact("Normal", host + "-gw,Northwind,NW-200 Gateway,4.1.0 (build 5512)",
-              host + "-gw", "Northwind", "NW-200 Gateway", "4.1.0 (build 5512)")),
-        # No version: printed as "?".
+         "Normal", "Northwind", "NW-200 Gateway", "4.1.0 (build 5512)"),
         ({"name": host + "-dock", "manufacturer": acme, "product": x100, "isSafeModeDevice": True, "safeModeVersion": 2},
-         fact("Safe", host + "-dock,Acme,X100 Controller,?", host + "-dock", "Acme", "X100 Controller", None)),
-        # A comma in a value: the line cannot be split.
+         "Safe", "Acme", "X100 Controller", "?"),
+        # A comma in a value: the line cannot be split, only mode and line are filled.
         ({"name": host + "-yard", "manufacturer": {"id": "contoso", "name": "Contoso, Ltd."}, "product": {"version": "1.0"},
-          "isSafeModeDevice": True, "safeModeVersion": 1},
-         fact("Failsafe", host + "-yard,Contoso, Ltd.,?,1.0", None, None, None, None)),
+          "isSafeModeDevice": True, "safeModeVersion": 1}, "Failsafe", "Contoso, Ltd.", "?", "1.0"),
     ]
-
-
-def fact(mode, text, name, manufacturer, model, version):
-    return {"mode": mode.lower(), "line": ("Found[%s]:" % mode).ljust(17) + text, "name": name,
-            "manufacturer": manufacturer, "model": model, "version": version}
+    facts = [dict(zip(("name", "manufacturer", "model", "version"), [None] * 4 if "," in "".join(fields) else
+                      [d["name"]] + [None if f == "?" else f for f in fields]),
+                  mode=mode.lower(), line=("Found[%s]:" % mode).ljust(17) + ",".join([d["name"], *fields]))
+             for d, mode, *fields in devices]
+    return [d for d, *_ in devices], facts
 
 
 def setUpModule():
@@ -72,22 +69,17 @@ def tearDownModule():
     shutil.rmtree(SCRATCH, True)
 
 
-def requests(*pairs):
-    return [(msg, device) for msg, device in pairs]
-
-
 # One ansible-playbook run per table, all of them side by side, each with its own devsims.
 #
-# The example rollout playbook over h1, h2, h3 in that order. Per row: extra arguments, the
-# host whose first device fails its job, the batches that ran, and per host that took part
-# the tasks that changed something, the failed task with its msg, and the requests its
-# devsim received (a host of no batch receives nothing).
+# The example rollout playbook over h1, h2, h3 in that order, h1's panel failing its job.
+# Per row: extra arguments, exit status, the batches that ran, and per host that took part
+# what the role table below gives (a host of no batch gets nothing).
 ROLLOUTS = [
-    ("check mode, one host per batch, sends nothing", ["-e", "batch=1", "--check"], None, [["h1"], ["h2"], ["h3"]],
-     {h: ({REPORT}, None, []) for h in HOSTS}),
-    ("a failed job ends the rollout after its batch", ["-e", "batch=2"], "h1", [["h1", "h2"]],
-     {"h1": ({COPY, JOB}, FAILED_JOB, [("upgrade", "h1-panel")]),
-      "h2": ({COPY, JOB}, None, [("upgrade", "h2-panel")])}),
+    ("check mode, one host per batch, sends nothing", ["-e", "batch=1", "--check"], 0, [["h1"], ["h2"], ["h3"]],
+     {h: ({REPORT}, None, [h + "-panel"], []) for h in HOSTS}),
+    ("a failed job ends the rollout after its batch", ["-e", "batch=2"], 2, [["h1", "h2"]],
+     {"h1": ({COPY, JOB}, FAILED_JOB, ["h1-panel"], [("upgrade", "h1-panel")]),
+      "h2": ({COPY, JOB}, None, ["h2-panel"], [("upgrade", "h2-panel")])}),
 ]
 
 # The role alone in one play, one host per row, each with its own variables (an update of
@@ -125,7 +117,7 @@ class Rollout(Journey):
         folder = os.path.join(self.folder, table)
         os.mkdir(folder)
         fleets = {h: fleet(h, script) for h, (_, script) in hosts.items() if script != DEAD}
-        sims = {h: self.sim("--fleet=" + self.write("%s/%s.json" % (table, h), json.dumps([d for d, _ in fleets[h]])))
+        sims = {h: self.sim("--fleet=" + self.write("%s/%s.json" % (table, h), json.dumps(fleets[h][0])))
                 for h in fleets}
         dead = socket.socket()
         dead.bind(("127.0.0.1", 0))
@@ -150,9 +142,8 @@ class Rollout(Journey):
 
     def results(self, started, status):
         """The batches of a finished run, once its exit status is checked."""
-        play, folder, *_ = started
-        with open(os.path.join(folder, "out")) as out, open(os.path.join(folder, "err")) as err:
-            self.assertEqual(play.wait(TIMEOUT), status, err.read())
+        with open(os.path.join(started[1], "out")) as out, open(os.path.join(started[1], "err")) as err:
+            self.assertEqual(started[0].wait(TIMEOUT), status, err.read())
             return json.load(out)
 
     def check_host(self, started, host, tasks, expected):
@@ -164,7 +155,7 @@ class Rollout(Journey):
         listed = tasks.get("Record the devices and those the job would serve", {}).get("ansible_facts", {})
         self.assertEqual(listed.get("devupdate_targets"), targets)
         if targets is not None:
-            self.assertEqual(listed["devupdate_devices"], [expected for _, expected in fleets[host]])
+            self.assertEqual(listed["devupdate_devices"], fleets[host][1])
         self.assertEqual(os.path.exists(os.path.join(folder, host, "fw.bin")), COPY in changed)
         if host in sims:
             frames = sims[host].frames((targets is not None) + bool(wanted))
@@ -172,18 +163,16 @@ class Rollout(Journey):
             self.assertEqual(" connected from " in slurp(sims[host].log_path), wanted is not None)
 
     def test_role_and_rollouts(self):
-        started = [self.start(str(n), {h: ({}, FAILURE if h == failing else {}) for h in HOSTS},
-                              "devupdate.fleet.rollout", ["-e", "image=fw.bin", *args])
-                   for n, (_, args, failing, *_) in enumerate(ROLLOUTS)]
+        started = [self.start(str(n), {h: ({}, FAILURE if h == "h1" else {}) for h in HOSTS},
+                              "devupdate.fleet.rollout", ["-e", "image=fw.bin", *args]) for n, (_, args, *_) in enumerate(ROLLOUTS)]
         roles = self.start("role", {h: (hostvars, script) for h, hostvars, script, _ in ROLES}, "role.yml", [])
-        for (name, args, failing, batches, hosts), run in zip(ROLLOUTS, started):
+        for (name, _, status, batches, hosts), run in zip(ROLLOUTS, started):
             with self.subTest(name):
-                results = self.results(run, 2 if failing else 0)
+                results = self.results(run, status)
                 self.assertEqual([sorted(batch) for batch in results], batches)
                 for h in HOSTS:
-                    ran = [batch[h] for batch in results if h in batch]
-                    self.check_host(run, h, ran[0] if ran else {}, (*hosts[h][:2], ["%s-panel" % h], hosts[h][2])
-                                    if h in hosts else (set(), None, None, None))
+                    tasks = next((batch[h] for batch in results if h in batch), {})
+                    self.check_host(run, h, tasks, hosts.get(h, (set(), None, None, None)))
         (results,) = self.results(roles, 2)
         for host, _, _, expected in ROLES:
             with self.subTest(host):
