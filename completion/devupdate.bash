@@ -21,10 +21,10 @@ _devupdate_device_names()
         wait "$tool"
         kill $! 2>/dev/null
     ) 2>/dev/null |
-        # "Found[Mode]:" padded to 17 characters, then name,maker,model,version
-        PREFIX=$3 awk 'substr($0, 1, 6) == "Found[" {
-                name = substr($0, 18); sub(/,.*/, "", name)
-                if (name != "" && index(name, ENVIRON["PREFIX"]) == 1) print name
+        # "Found[Mode]:" padded to 17 characters, then name,maker,model,version, unquoted:
+        # a line with more fields has a comma in one of them, no telling which, and is skipped.
+        PREFIX=$3 awk 'substr($0, 1, 6) == "Found[" && split(substr($0, 18), field, ",") == 4 {
+                if (field[1] != "" && index(field[1], ENVIRON["PREFIX"]) == 1) print field[1]
             }' |
         sed 's/[^[:alnum:]_./:@%+=,-]/\\&/g'
 }

@@ -23,8 +23,9 @@ function __devupdate_device_names
         ) >/dev/null 2>&1 &
         wait "$tool"
         kill $! 2>/dev/null' sh $words[1] $port 2>/dev/null |
-        # "Found[Mode]:" padded to 17 characters, then name,maker,model,version
-        sed -n '/^Found\[/{s/^.\{17\}//;s/,.*//;/./p;}'
+        # "Found[Mode]:" padded to 17 characters, then name,maker,model,version, unquoted:
+        # a line with more fields has a comma in one of them, no telling which, and is skipped.
+        sed -n 's/^Found\[.\{11\}\([^,][^,]*\),[^,]*,[^,]*,[^,]*$/\1/p'
 end
 
 complete -c devupdate -f

@@ -1,7 +1,8 @@
-# zsh -f complete.zsh FPATH_DIR <LINES: types each line and Tab into a real interactive
-# zsh that loads its completions from FPATH_DIR, and prints for each what was offered
-# (separated by \x01), "|" and the line after Tab. compadd is wrapped to record every
-# match as it is added.
+# zsh -f complete.zsh FPATH_DIR FILE TEXT <LINES: types each line and Tab into a real
+# interactive zsh that loads its completions from FPATH_DIR, and prints for each what was
+# offered (separated by \x01), "|" and the line after Tab. compadd is wrapped to record
+# every match as it is added. FILE exists while a line holding TEXT is completed, and only
+# then.
 zmodload zsh/zpty
 zpty -b z zsh -f -i
 zpty -w z "PS1= PROMPT_EOL_MARK=; fpath=(${(q)1} \$fpath); autoload -Uz compinit; compinit -u -D"
@@ -11,6 +12,7 @@ zpty -w z 'compadd() { local -a seen; (( ${@[(I)-[OAD]*]} )) || builtin compadd 
 zpty -w z 'report() { print -r -- $'"'"'\x02'"'"'"${(pj:\x01:)offered}|$BUFFER"$'"'"'\x03'"'"'; offered=() BUFFER= }'
 zpty -w z 'zle -N report; bindkey "^X" report'
 while IFS= read -r line; do
+  if [[ $line == *$3* ]]; then : >$2; else rm -f $2; fi
   zpty -n -w z "$line"$'\t\x18'
   zpty -r -m z out $'*\x02*\x03*' || exit 1
   out=${out##*$'\x02'}

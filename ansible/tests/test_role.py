@@ -2,48 +2,53 @@
 
 import json
 import os
+import re
 import shutil
+import socket
 import subprocess
 import sys
+import tarfile
 import tempfile
 import unittest
 
 COLLECTION = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 DEVUPDATE = os.environ.get("DEVUPDATE", "devupdate")
 sys.path.insert(0, os.path.join(os.path.dirname(COLLECTION), "e2e"))
-from test_devupdate import Journey  # noqa: E402  (a scratch folder, and devsims that record what they receive)
+from test_devupdate import Journey, slurp  # noqa: E402  (a scratch folder, and devsims that record what they receive)
 
-TIMEOUT = 120  # seconds; rows of ansible-playbook side by side on a busy machine
+TIMEOUT = 120  # seconds; playbooks side by side on a busy machine
 HOSTS = ("h1", "h2", "h3")
 FAILURE = {"failAt": 40, "errorReason": "Flash write error"}
+DEAD = "dead"  # a host whose service is down: its port is bound and nothing listens
+COPY, JOB, REPORT = "Copy the firmware image to the host", "Run the job", "Report what the job would do"
+FAILED_JOB = ("Stop on a failed job", "update failed on this host (devupdate exited 1): "
+              "Updating {host}-panel : [" + "=" * 20 + ">" + " " * 29 + "] 40% - Flash write error")
 
 
 def fleet(host, sim):
     """Per device: what devsim serves and the fact the role should record; `sim` scripts the panel's jobs."""
     acme, x100 = {"id": "acme", "name": "Acme"}, {"id": "x100", "name": "X100 Controller"}
-    return [
+    devices = [  # the device, its label's mode, its maker, model and version as printed ("?": not given)
         ({"name": host + "-panel", "manufacturer": acme, "product": dict(x100, version="2.0.3"), "sim": sim},
-         fact("normal", host + "-panel,Acme,X100 Controller,2.0.3", host + "-panel", "Acme", "X100 Controller", "2.0.3")),
+         "Normal", "Acme", "X100 Controller", "2.0.3"),
         ({"name": host + "-gw", "manufacturer": {"id": "northwind", "name": "Northwind"},
           "product": {"id": "nw200", "name": "NW-200 Gateway", "version": "4.1.0", "versionString": "4.1.0 (build 5512)"}},
-         fact("normal", host + "-gw,Northwind,NW-200 Gateway,4.1.0 (build 5512)",
-              host + "-gw", "Northwind", "NW-200 Gateway", "4.1.0 (build 5512)")),
-        # No version: printed as "?".
+         "Normal", "Northwind", "NW-200 Gateway", "4.1.0 (build 5512)"),
         ({"name": host + "-dock", "manufacturer": acme, "product": x100, "isSafeModeDevice": True, "safeModeVersion": 2},
-         fact("safe", host + "-dock,Acme,X100 Controller,?", host + "-dock", "Acme", "X100 Controller", None)),
-        # A comma in a value: the line cannot be split.
+         "Safe", "Acme", "X100 Controller", "?"),
+        # A comma in a value: the line cannot be split, only mode and line are filled.
         ({"name": host + "-yard", "manufacturer": {"id": "contoso", "name": "Contoso, Ltd."}, "product": {"version": "1.0"},
-          "isSafeModeDevice": True, "safeModeVersion": 1},
-         fact("failsafe", host + "-yard,Contoso, Ltd.,?,1.0", None, None, None, None)),
+          "isSafeModeDevice": True, "safeModeVersion": 1}, "Failsafe", "Contoso, Ltd.", "?", "1.0"),
     ]
-
-
-def fact(mode, line, name, manufacturer, model, version):
-    return {"mode": mode, "line": line, "name": name, "manufacturer": manufacturer, "model": model, "version": version}
+    facts = [dict(zip(("name", "manufacturer", "model", "version"), [None] * 4 if "," in "".join(fields) else
+                      [d["name"]] + [None if f == "?" else f for f in fields]),
+                  mode=mode.lower(), line=("Found[%s]:" % mode).ljust(17) + ",".join([d["name"], *fields]))
+             for d, mode, *fields in devices]
+    return [d for d, *_ in devices], facts
 
 
 def setUpModule():
-    """The collection as an operator gets it: built into a tarball, installed into a private path."""
+    """The collection as an operator gets it: built into a tarball, unpacked where ansible looks for it."""
     global SCRATCH, ENV
     SCRATCH = os.path.realpath(tempfile.mkdtemp(prefix="devupdate-ansible-"))
     # Everything ansible keeps between runs stays in the scratch folder.
@@ -53,81 +58,125 @@ def setUpModule():
                ANSIBLE_STDOUT_CALLBACK="batches", ANSIBLE_CALLBACK_PLUGINS=os.path.join(COLLECTION, "tests", "callbacks"),
                ANSIBLE_NOCOLOR="1", ANSIBLE_RETRY_FILES_ENABLED="0", ANSIBLE_PIPELINING="1")
     open(ENV["ANSIBLE_CONFIG"], "w").close()
-    for args in (["build", COLLECTION, "--output-path", SCRATCH],
-                 ["install", os.path.join(SCRATCH, "devupdate-fleet-1.0.0.tar.gz"), "-p", ENV["ANSIBLE_COLLECTIONS_PATH"]]):
-        subprocess.run(["ansible-galaxy", "collection", *args], env=ENV, cwd=SCRATCH, check=True,
-                       stdout=subprocess.DEVNULL, timeout=TIMEOUT)
+    subprocess.run(["ansible-galaxy", "collection", "build", COLLECTION, "--output-path", SCRATCH], env=ENV,
+                   cwd=SCRATCH, check=True, stdout=subprocess.DEVNULL, timeout=TIMEOUT)
+    # What "ansible-galaxy collection install" does with a local tarball, without a second ansible start.
+    with tarfile.open(os.path.join(SCRATCH, "devupdate-fleet-1.0.0.tar.gz")) as tarball:
+        tarball.extractall(os.path.join(ENV["ANSIBLE_COLLECTIONS_PATH"], "ansible_collections", "devupdate", "fleet"))
 
 
 def tearDownModule():
     shutil.rmtree(SCRATCH, True)
 
 
-# The example rollout playbook over h1, h2, h3 in that order. Per row: extra arguments, the
-# host whose first device fails its job, the batches that ran, and per host the requests
-# its devsim received (nothing at all for a host that did not take part).
-ROWS = [
-    ("one host per batch", ["-e", "batch=1"], None, [["h1"], ["h2"], ["h3"]],
-     {h: [("upgrade", h + "-panel")] for h in HOSTS}),
-    ("every device, rebooted", ["-e", "batch=3", "-e", '{"devupdate_all": true, "devupdate_reboot": true}'], None,
-     [list(HOSTS)], {h: [("upgrade", h + "-panel"), ("reboot", h + "-panel"),
-                         ("upgrade", h + "-gw"), ("reboot", h + "-gw")] for h in HOSTS}),
-    ("a failed job ends the rollout after its batch", ["-e", "batch=2"], "h1", [["h1", "h2"]],
-     {"h1": [("upgrade", "h1-panel")], "h2": [("upgrade", "h2-panel")], "h3": []}),
-    ("check mode sends nothing", ["-e", "batch=2", "--check"], None, [["h1", "h2"], ["h3"]],
-     {h: [] for h in HOSTS}),
+# One ansible-playbook run per table, all of them side by side, each with its own devsims.
+#
+# The example rollout playbook over h1, h2, h3 in that order, h1's panel failing its job.
+# Per row: extra arguments, exit status, the batches that ran, and per host that took part
+# what the role table below gives (a host of no batch gets nothing).
+ROLLOUTS = [
+    ("check mode, one host per batch, sends nothing", ["-e", "batch=1", "--check"], 0, [["h1"], ["h2"], ["h3"]],
+     {h: ({REPORT}, None, [h + "-panel"], []) for h in HOSTS}),
+    ("a failed job ends the rollout after its batch", ["-e", "batch=2"], 2, [["h1", "h2"]],
+     {"h1": ({COPY, JOB}, FAILED_JOB, ["h1-panel"], [("upgrade", "h1-panel")]),
+      "h2": ({COPY, JOB}, None, ["h2-panel"], [("upgrade", "h2-panel")])}),
+]
+
+# The role alone in one play, one host per row, each with its own variables (an update of
+# the image fw.bin unless they say otherwise) and its own devsim (DEAD: none listens). Per
+# row: the tasks that changed something, the failed task with its msg, devupdate_targets
+# (None: no listing ran), and the requests its devsim received (None: nothing connected).
+ROLES = [
+    ("rebooted", {"devupdate_all": True, "devupdate_reboot": True}, {},
+     ({COPY, JOB}, None, ["rebooted-panel", "rebooted-gw"],
+      [("upgrade", "rebooted-panel"), ("reboot", "rebooted-panel"), ("upgrade", "rebooted-gw"), ("reboot", "rebooted-gw")])),
+    # devupdate's --all goes on after a failed job; the host fails once every device had its turn.
+    ("failing", {"devupdate_all": True}, FAILURE,
+     ({COPY, JOB}, FAILED_JOB, ["failing-panel", "failing-gw"], [("upgrade", "failing-panel"), ("upgrade", "failing-gw")])),
+    ("listing", {"devupdate_action": "list"}, {}, (set(), None, [], [])),
+    ("imageless", {"devupdate_image": ""}, {},
+     (set(), ("Refuse an update without an image",
+              "devupdate role: devupdate_action update needs devupdate_image, the firmware image on the controller"),
+      None, None)),
+    ("unserved", {}, DEAD,
+     (set(), ("Stop when the service gives no device list", "The device update service on port {port} of this host "
+              "gave no device list (devupdate --list exited 1): [error] handle_connect error: Connection refused"),
+      None, None)),
 ]
 
 
+def outcome(tasks):
+    """A host's results as the tables give them: the tasks that changed something, the failed one and its msg."""
+    failed = [(name, re.sub(r"\[[-0-9: ]+\] ", "", result["msg"])) for name, result in tasks.items() if result.get("failed")]
+    return {name for name, result in tasks.items() if result.get("changed")}, (failed or [None])[-1]
+
+
 class Rollout(Journey):
-    def start(self, row, args, failing):
-        """Three devsims and the rollout playbook against them, in the row's own folder, left running."""
-        folder = os.path.join(self.folder, row)
+    def start(self, table, hosts, playbook, args):
+        """devsims for `hosts` (name: panel's script, or DEAD) and a playbook against them, left running."""
+        folder = os.path.join(self.folder, table)
         os.mkdir(folder)
-        fleets = {h: fleet(h, FAILURE if h == failing else {}) for h in HOSTS}
-        sims = {h: self.sim("--fleet=" + self.write("%s/%s.json" % (row, h), json.dumps([d for d, _ in fleets[h]])))
-                for h in HOSTS}
-        self.write(row + "/fw.bin", "DEVFW1 version=2.1.0\n")
+        fleets = {h: fleet(h, script) for h, (_, script) in hosts.items() if script != DEAD}
+        sims = {h: self.sim("--fleet=" + self.write("%s/%s.json" % (table, h), json.dumps(fleets[h][0])))
+                for h in fleets}
+        dead = socket.socket()
+        dead.bind(("127.0.0.1", 0))
+        self.addCleanup(dead.close)
+        ports = {h: sims[h].port if h in sims else dead.getsockname()[1] for h in hosts}
+        image = self.write(table + "/fw.bin", "DEVFW1 version=2.1.0\n")
         # The tool is there, so the package named here must never be looked at.
-        self.write(row + "/hosts", "[benches]\n" + "".join("%s devupdate_port=%d\n" % (h, sims[h].port) for h in HOSTS) +
-                   "[benches:vars]\nansible_connection=local\nansible_python_interpreter={{ ansible_playbook_python }}\n"
-                   "devupdate_command=%s\ndevupdate_deb=/nonexistent/devupdate.deb\n"
-                   "devupdate_image_dir=%s/{{ inventory_hostname }}\n" % (DEVUPDATE, folder))
+        inventory = {"all": {"hosts": {h: dict(hostvars, devupdate_port=ports[h]) for h, (hostvars, _) in hosts.items()},
+                             "vars": {"ansible_connection": "local",
+                                      "ansible_python_interpreter": "{{ ansible_playbook_python }}",
+                                      "devupdate_command": DEVUPDATE, "devupdate_deb": "/nonexistent/devupdate.deb",
+                                      "devupdate_action": "update", "devupdate_image": image,
+                                      "devupdate_image_dir": folder + "/{{ inventory_hostname }}"}}}
+        self.write(table + "/hosts.yml", json.dumps(inventory))
+        self.write(table + "/role.yml", json.dumps([{"hosts": "all", "gather_facts": False,
+                                                     "roles": ["devupdate.fleet.devupdate"]}]))
         with open(os.path.join(folder, "out"), "w") as out, open(os.path.join(folder, "err"), "w") as err:
-            play = subprocess.Popen(["ansible-playbook", "-i", "hosts", "devupdate.fleet.rollout", "-e", "image=fw.bin",
-                                     *args], cwd=folder, env=ENV, stdout=out, stderr=err)
+            play = subprocess.Popen(["ansible-playbook", "-i", "hosts.yml", playbook, *args],
+                                    cwd=folder, env=ENV, stdout=out, stderr=err)
         self.addCleanup(play.kill)
-        return play, folder, sims, fleets
+        return play, folder, sims, fleets, ports
 
-    def check(self, started, args, failing, batches, requests):
-        play, folder, sims, fleets = started
-        with open(os.path.join(folder, "out")) as out, open(os.path.join(folder, "err")) as err:
-            self.assertEqual(play.wait(TIMEOUT), 2 if failing else 0, err.read())
-            results = json.load(out)
+    def results(self, started, status):
+        """The batches of a finished run, once its exit status is checked."""
+        with open(os.path.join(started[1], "out")) as out, open(os.path.join(started[1], "err")) as err:
+            self.assertEqual(started[0].wait(TIMEOUT), status, err.read())
+            return json.load(out)
 
-        self.assertEqual([sorted(batch) for batch in results], batches)
-        # Every host in a batch ran a listing; those with requests a job too.
-        frames = {h: sims[h].frames((h in sum(batches, [])) + bool(requests[h])) for h in HOSTS}
-        self.assertEqual({h: [(f["msg"], f.get("device")) for f in map(json.loads, frames[h].splitlines())]
-                          for h in HOSTS}, requests)
-        for h in sum(batches, []):
-            result = next(batch[h] for batch in results if h in batch)
-            self.assertEqual(result["Record the devices and those the job would serve"]["ansible_facts"]["devupdate_devices"],
-                             [expected for _, expected in fleets[h]])
-            job, report = result["Run the job"], result["Report what the job would do"]
-            self.assertEqual((job.get("changed", False), job.get("failed", False), report.get("changed", False)),
-                             (bool(requests[h]), h == failing, "--check" in args))
-            if h == failing:
-                self.assertIn("Flash write error", job["stdout"])
-            if "--check" in args:
-                self.assertEqual(report["msg"], "update would serve: %s-panel" % h)
+    def check_host(self, started, host, tasks, expected):
+        """One host's outcome, facts, requests and copied image against a row's expectation."""
+        _, folder, sims, fleets, ports = started
+        changed, failed, targets, wanted = expected
+        failed = failed and (failed[0], failed[1].format(host=host, port=ports[host]))
+        self.assertEqual(outcome(tasks), (changed, failed))
+        listed = tasks.get("Record the devices and those the job would serve", {}).get("ansible_facts", {})
+        self.assertEqual(listed.get("devupdate_targets"), targets)
+        if targets is not None:
+            self.assertEqual(listed["devupdate_devices"], fleets[host][1])
+        self.assertEqual(os.path.exists(os.path.join(folder, host, "fw.bin")), COPY in changed)
+        if host in sims:
+            frames = sims[host].frames((targets is not None) + bool(wanted))
+            self.assertEqual([(f["msg"], f.get("device")) for f in map(json.loads, frames.splitlines())], wanted or [])
+            self.assertEqual(" connected from " in slurp(sims[host].log_path), wanted is not None)
 
-    def test_rollouts(self):
-        # The rows run side by side: each has its own devsims and folder.
-        started = [self.start(str(n), args, failing) for n, (_, args, failing, *_) in enumerate(ROWS)]
-        for (name, *row), row_started in zip(ROWS, started):
+    def test_role_and_rollouts(self):
+        started = [self.start(str(n), {h: ({}, FAILURE if h == "h1" else {}) for h in HOSTS},
+                              "devupdate.fleet.rollout", ["-e", "image=fw.bin", *args]) for n, (_, args, *_) in enumerate(ROLLOUTS)]
+        roles = self.start("role", {h: (hostvars, script) for h, hostvars, script, _ in ROLES}, "role.yml", [])
+        for (name, _, status, batches, hosts), run in zip(ROLLOUTS, started):
             with self.subTest(name):
-                self.check(row_started, *row)
+                results = self.results(run, status)
+                self.assertEqual([sorted(batch) for batch in results], batches)
+                for h in HOSTS:
+                    tasks = next((batch[h] for batch in results if h in batch), {})
+                    self.check_host(run, h, tasks, hosts.get(h, (set(), None, None, None)))
+        (results,) = self.results(roles, 2)
+        for host, _, _, expected in ROLES:
+            with self.subTest(host):
+                self.check_host(roles, host, results[host], expected)
 
 
 if __name__ == "__main__":

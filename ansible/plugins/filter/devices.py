@@ -5,7 +5,8 @@ import re
 # A device line is a label left-justified in 17 columns ("Found[Normal]:   ", the longest
 # being "Found[Failsafe]: " with no padding at all), then name,manufacturer,model,version.
 LABEL_WIDTH = 17
-LABEL = re.compile(r"Found\[(Normal|Failsafe|Safe|None)\]: *")
+# devupdate never lists a device whose mode is unclear, so there is no "None" label.
+LABEL = re.compile(r"Found\[(Normal|Failsafe|Safe)\]: *")
 
 # The tool writes "?" for a maker, model or version the service did not give (or did not
 # give as text); a real "?" cannot be told apart from that.
@@ -22,7 +23,7 @@ def parse_line(line):
     if label is None or label.end() != LABEL_WIDTH:
         return None
     text = line[LABEL_WIDTH:]
-    device = {"mode": label.group(1).lower(), "line": text,
+    device = {"mode": label.group(1).lower(), "line": line,
               "name": None, "manufacturer": None, "model": None, "version": None}
     fields = text.split(",")
     # Nothing is quoted: with a comma inside a value there is no telling which field has it.
