@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -10,12 +11,12 @@ namespace {
 
 using devsim::Fleet;
 
-// A file of the test's own; the process id keeps parallel test processes apart.
-std::string writeFile(const std::string& name, const std::string& text) {
-    const std::string path = testing::TempDir() + "devsim" + std::to_string(getpid()) + "_" + name;
-    std::ofstream(path) << text;
-    return path;
-}
+// A fleet file of the test's own, gone with it; the process id keeps parallel test processes apart.
+struct FleetFile {
+    const std::string path = testing::TempDir() + "devsim" + std::to_string(getpid()) + "_fleet.json";
+    explicit FleetFile(const std::string& text) { std::ofstream(path) << text; }
+    ~FleetFile() { std::remove(path.c_str()); }
+};
 
 // The first device's script in brief, or the error that loading the file gives.
 std::string load(const std::string& path) try {
@@ -60,10 +61,10 @@ TEST(Fleet, FilesAreCheckedWithReadableErrors) {
         {sim(R"("changeAfterMs":5,"changeTo":{"name":"b"})"), a + R"(: sim.changeTo must be an object without "name")"},
     };
     for (const auto& [text, expected] : table) {
-        const std::string path = writeFile("fleet.json", text);
+        const FleetFile file(text);
         const auto at = expected.find('%');
-        EXPECT_EQ(load(path),
-                  at == std::string::npos ? expected : expected.substr(0, at) + path + expected.substr(at + 1))
+        EXPECT_EQ(load(file.path),
+                  at == std::string::npos ? expected : expected.substr(0, at) + file.path + expected.substr(at + 1))
             << text;
     }
     EXPECT_EQ(load("/nonexistent/fleet.json"), "cannot open fleet file /nonexistent/fleet.json");
