@@ -4,14 +4,13 @@ import json
 import os
 import shutil
 import subprocess
-import sys
 import tempfile
 import unittest
 
+from harness import Journey  # a scratch folder, and devsims that record what they receive
+
 COLLECTION = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 DEVUPDATE = os.environ.get("DEVUPDATE", "devupdate")
-sys.path.insert(0, os.path.join(os.path.dirname(COLLECTION), "e2e"))
-from test_devupdate import Journey  # noqa: E402  (a scratch folder, and devsims that record what they receive)
 
 TIMEOUT = 120  # seconds; rows of ansible-playbook side by side on a busy machine
 HOSTS = ("h1", "h2", "h3")
