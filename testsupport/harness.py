@@ -58,9 +58,9 @@ class Devsim:
         """How many clients have left so far."""
         return slurp(self.log_path).count(" gone (")
 
-    def frames(self, clients=1):
+    def frames(self, clients=1, timeout=TIMEOUT):
         """What devsim received, once `clients` clients have gone (all they sent is recorded by then)."""
-        self.wait_for(lambda: self.gone() >= clients, "%d clients had gone" % clients)
+        self.wait_for(lambda: self.gone() >= clients, "%d clients had gone" % clients, timeout)
         return slurp(self.record) if os.path.exists(self.record) else ""
 
     def stop(self):
