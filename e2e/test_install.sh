@@ -26,10 +26,11 @@ options() {
 # and a folder to complete: the lobby (its built-in fleet, recording what it is sent), odd
 # (names the shell must not take apart), big (10,000 names), mute (never answers).
 # A name run as a command would leave the file "pwned" behind.
-serve() {  # VAR OPTIONS...: starts devsim and sets VAR to its port
-    "$bin/devsim" --port=0 "${@:2}" >"$tmp/$1" 2>"$tmp/$1.log" &
-    for _ in {1..100}; do [[ $(cat "$tmp/$1" 2>&1) =~ :([0-9]+)$ ]] && break || sleep 0.05; done
-    printf -v "$1" %s "${BASH_REMATCH[1]?devsim did not start: $(<"$tmp/$1.log")}"
+serve() {  # VAR OPTIONS...: starts devsim and sets VAR to its port, once its port file is there
+    "$bin/devsim" --port=0 --port-file="$tmp/$1" "${@:2}" >/dev/null 2>"$tmp/$1.log" &
+    local pid=$!
+    until [[ -s $tmp/$1 ]]; do kill -0 $pid 2>/dev/null || fail "devsim did not start: $(<"$tmp/$1.log")"; sleep 0.05; done
+    printf -v "$1" %s "$(<"$tmp/$1")"
 }
 odd_names=('hall panel 1' 'hall:2' "it's \"q\"" '$HOME' '`touch pwned`' 'a;touch pwned' 'b&c' 'star*'
            '#hash' 'back\slash')
