@@ -67,7 +67,12 @@ class Devsim:
         """Its exit status after SIGTERM."""
         if self.proc.poll() is None:
             self.proc.send_signal(signal.SIGTERM)
-        return self.proc.wait(TIMEOUT)
+        try:
+            return self.proc.wait(TIMEOUT)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()  # nothing is left running, whatever the test makes of it
+            self.proc.wait()
+            raise
 
 
 class WebSocket:
