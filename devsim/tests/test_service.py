@@ -39,10 +39,10 @@ class Service(Journey):
                  {"name": "fs", "isSafeModeDevice": True, "safeModeVersion": 1,
                   "interfaces": [{"macAddr": "AA:BB:CC:00:00:02"}], "sim": {"recoverVersion": "4.0.0"}},
                  {"name": "sm", "isSafeModeDevice": True, "safeModeVersion": 2, "sim": {"recoverVersion": "3.0.0"}},
-                 {"name": "odd", "isSafeModeDevice": True}]
+                 {"name": "odd", "isSafeModeDevice": True, "sim": {"refuse": True, "resultCode": 8, "desc": "No"}}]
         self.fleet = "--fleet=" + self.write("fleet.json", json.dumps(fleet))
         self.port = self.sim(self.fleet).port
-        self.image, self.other = self.write("fw.bin", "plain image\n"), self.write("other.bin", "DEVFW1 manufacturer=northwind\n")
+        self.image, self.other = self.write("fw.bin", ""), self.write("other.bin", "DEVFW1 manufacturer=northwind\n")
 
     def upgrade(self, device, path=None, force="false"):
         return {"msg": "upgrade", "device": device, "filePath": self.image if path is None else path, "override": force}
@@ -60,11 +60,13 @@ class Service(Journey):
             ([upgrade("n1", "/nonexistent/fw.bin")], "2 n1: Cannot read firmware file /nonexistent/fw.bin"),
             ([upgrade("n1", self.folder)], "2 n1: Cannot read firmware file " + self.folder),
             ([upgrade("n1", other)], "3 n1: Image is for northwind/any but n1 is acme/x100"),
+            ([upgrade("n1", self.write("nw.bin", "DEVFW1 for model=NW200\r\n"))], "3 n1: Image is for any/NW200 but n1 is acme/x100"),
             ([upgrade("shy")], "9 shy: No space left"),
             ([upgrade("stuck"), upgrade("stuck")], "5 stuck: Device stuck is busy with another job"),
             ([recover("device", "")], "7 : Request names no device"),
             ([recover("macaddr", "aa:bb:cc:00:00:99")], "4 aa:bb:cc:00:00:99: Unknown device aa:bb:cc:00:00:99"),
             ([recover("device", "n1")], "6 n1: Device n1 is not in safe or failsafe mode"),
+            ([recover("device", "odd")], "8 odd: No"),
         ]
         for requests, expected in table:
             with self.subTest(requests[-1]):
@@ -124,15 +126,17 @@ class Service(Journey):
     def test_scripted_devices_come_go_and_change_in_their_time(self):
         change = {"changeAfterMs": 40, "changeTo": {"isSafeModeDevice": None, "product": {"version": "2"}}}
         fleet = [{"name": "beta", "sim": {"leaveAfterMs": 60}}, {"name": "carol", "sim": {"appearAfterMs": 20}},
-                 {"name": "dave", "isSafeModeDevice": True, "sim": change}]
+                 {"name": "dave", "isSafeModeDevice": True, "sim": change},
+                 {"name": "eve", "sim": dict(change, appearAfterMs=80, leaveAfterMs=0)}]  # not there to change or leave
         got = exchange(self.sim("--fleet=" + self.write("timed.json", json.dumps(fleet))).port, [],
-                       lambda got: len(got) == 4)
+                       lambda got: len(got) == 5)
         self.assertEqual([got[0]["devices"]] + got[1:], [
             [{"name": "beta"}, {"name": "dave", "isSafeModeDevice": True}],
             {"msg": "device_added", "device": {"name": "carol"}},
             {"msg": "device_changed", "from": {"name": "dave", "isSafeModeDevice": True},
              "to": {"name": "dave", "product": {"version": "2"}}},
-            {"msg": "device_removed", "device": {"name": "beta"}}])
+            {"msg": "device_removed", "device": {"name": "beta"}},
+            {"msg": "device_added", "device": {"name": "eve"}}])
 
     def test_devsim_closes_a_connection_when_asked_to_and_when_stopped(self):
         for args, reason in ((("--close-after=1",), b"closing as asked"), ((), b"service stopping")):
@@ -151,10 +155,11 @@ class CommandLine(Journey):
         busy = self.sim().port
         # Arguments after --port=0, the exit status and the last line devsim prints.
         table = [
-            (["--help"], 0, "SIGINT or SIGTERM stops it."),
+            (["-h"], 0, "SIGINT or SIGTERM stops it."),
             (["--bogus"], 2, "devsim: unknown option --bogus (see --help)"),
             (["--port=65536"], 2, "devsim: --port needs a whole number up to 65535"),
             (["--tick-ms=-1"], 2, "devsim: --tick-ms needs a whole number up to 3600000"),
+            (["--tick-ms="], 2, "devsim: --tick-ms needs a whole number up to 3600000"),
             (["--close-after=99999999999"], 2, "devsim: --close-after needs a whole number up to 2147483647"),
             (["--progress-steps=0"], 2, "devsim: --progress-steps must be at least 1"),
             (["--fleet=f.json", "--generate-fleet=1"], 2, "devsim: --fleet and --generate-fleet exclude each other"),
