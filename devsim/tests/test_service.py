@@ -139,18 +139,29 @@ class Service(Journey):
             {"msg": "device_added", "device": {"name": "eve"}}])
 
     def test_devsim_closes_a_connection_when_asked_to_and_when_stopped(self):
-        for args, reason in ((("--close-after=1",), b"closing as asked"), ((), b"service stopping")):
-            with self.subTest(args):
+        for args, stop, reason in ((("--close-after=1",), None, b"closing as asked"),
+                                   ((), signal.SIGINT, b"service stopping"), ((), signal.SIGTERM, b"service stopping")):
+            with self.subTest(args=args, stop=stop):
                 sim = Devsim(self.folder, args)
+                self.addCleanup(sim.stop)
                 with WebSocket(sim.port) as ws:
                     self.assertEqual(ws.message()["msg"], "devices")
-                    if not args:
-                        sim.proc.send_signal(signal.SIGTERM)
+                    if stop:
+                        sim.proc.send_signal(stop)
                     self.assertEqual(ws.frame(), (8, (1001).to_bytes(2, "big") + reason))
-                self.assertEqual(sim.stop(), 0)
+                self.assertEqual(sim.proc.wait(TIMEOUT) if stop else sim.stop(), 0)
 
 
 class CommandLine(Journey):
+    def test_it_says_where_it_listens_in_one_line(self):
+        port_file = self.folder + "/port"
+        sim = subprocess.Popen([DEVSIM, "--port=0", "--port-file=" + port_file], stdout=subprocess.PIPE)
+        self.addCleanup(sim.wait, TIMEOUT)
+        self.addCleanup(sim.stdout.close)
+        self.addCleanup(sim.terminate)
+        line = sim.stdout.readline().decode()  # flushed at once: the port file is there by now
+        self.assertEqual(line, "devsim listening on 127.0.0.1:%d\n" % int(slurp(port_file)))
+
     def test_bad_command_lines_end_it_with_a_reason(self):
         busy = self.sim().port
         # Arguments after --port=0, the exit status and the last line devsim prints.
