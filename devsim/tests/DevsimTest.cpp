@@ -44,6 +44,7 @@ TEST(Fleet, FilesAreCheckedWithReadableErrors) {
         {R"({"devices":{}})", R"(%: expected an array of devices or {"devices": [...]})"},
         {R"([{"name":"a"},7])", "%: device 1: a device must be a JSON object"},
         {R"([{"name":""}])", R"(%: device 0: a device needs a non-empty string "name")"},
+        {R"([{"name":5}])", R"(%: device 0: a device needs a non-empty string "name")"},
         {R"([{"name":"a"},{"name":"a"}])", R"(%: device 1: duplicate device name "a")"},
         {R"([{"name":"a","sim":[]}])", a + R"(: "sim" must be an object)"},
         {sim(R"("failat":1)"), a + R"(: unknown sim member "failat")"},
@@ -59,6 +60,7 @@ TEST(Fleet, FilesAreCheckedWithReadableErrors) {
         {sim(R"("changeAfterMs":5)"), a + ": changeAfterMs and changeTo go together"},
         {sim(R"("changeTo":{})"), a + ": changeAfterMs and changeTo go together"},
         {sim(R"("changeAfterMs":5,"changeTo":{"name":"b"})"), a + R"(: sim.changeTo must be an object without "name")"},
+        {sim(R"("changeAfterMs":5,"changeTo":1)"), a + R"(: sim.changeTo must be an object without "name")"},
     };
     for (const auto& [text, expected] : table) {
         const FleetFile file(text);
