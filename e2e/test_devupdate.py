@@ -31,23 +31,11 @@ def read_until(pipe, expected):
     return text.decode()
 
 
-def activity(pid):
-    """Per thread of a process: the CPU ticks it used and the times it was switched out."""
+def threads(pid):
+    """Per thread of a process: its state, the CPU ticks it used and the times it was switched out."""
     task = "/proc/%d/task/" % pid
-    return {tid: (slurp(task + tid + "/stat").rsplit(")", 1)[1].split()[11:13],
-                  re.findall(r"ctxt_switches:\s*(\d+)", slurp(task + tid + "/status"))) for tid in os.listdir(task)}
-
-
-def wait_asleep(pid):
-    """Waits until every thread of a process sleeps; gives the states of those that never did."""
-    deadline = time.monotonic() + TIMEOUT
-    while True:
-        task = "/proc/%d/task/" % pid
-        awake = "".join(state for state in (slurp(task + tid + "/stat").rsplit(")", 1)[1].split()[0]
-                                            for tid in os.listdir(task)) if state != "S")
-        if not awake or time.monotonic() > deadline:
-            return awake
-        time.sleep(0.01)
+    return {tid: [slurp(task + tid + "/stat").rsplit(")", 1)[1].split()[i] for i in (0, 11, 12)] +
+            re.findall(r"ctxt_switches:\s*(\d+)", slurp(task + tid + "/status")) for tid in os.listdir(task)}
 
 
 class Journeys(Journey):
@@ -147,10 +135,13 @@ class Faults(Journey):
         # Asleep in the kernel until the service speaks: once every thread of the tool sleeps, none of
         # them runs or wakes again while the service is silent, on a loaded machine too. A busy loop
         # would show in the CPU time, a polling one in the voluntary switches.
-        self.assertEqual(wait_asleep(tool.pid), "")
-        before = activity(tool.pid)
+        deadline = time.monotonic() + TIMEOUT
+        while {t[0] for t in threads(tool.pid).values()} != {"S"} and time.monotonic() < deadline:
+            time.sleep(0.01)
+        before = threads(tool.pid)
+        self.assertEqual({t[0] for t in before.values()}, {"S"}, "the tool sleeps while the service is silent")
         self.assertEqual(select.select([tool.stdout], [], [], 0.5)[0], [], "a silent service is waited for")
-        self.assertEqual(activity(tool.pid), before, "the tool ran while the service was silent")
+        self.assertEqual(threads(tool.pid), before, "the tool ran while the service was silent")
 
 
 if __name__ == "__main__":
