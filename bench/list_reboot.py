@@ -9,12 +9,14 @@ slow the next one) and a warm-up list run first (so that devsim's one-off serial
 of the list is not timed). Prints the median wall-clock time of each, in seconds.
 """
 import os
-import re
 import statistics
 import subprocess
 import sys
 import tempfile
 import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "testsupport"))
+from harness import Devsim  # noqa: E402
 
 build = sys.argv[1] if len(sys.argv) > 1 else "build"
 devices = int(sys.argv[2]) if len(sys.argv) > 2 else 84879
@@ -23,26 +25,18 @@ tool, devsim = os.path.join(build, "cli", "devupdate"), os.path.join(build, "dev
 
 
 def sample(args, folder):
-    record, log_path = os.path.join(folder, "rec"), os.path.join(folder, "log")
-    for path in (record, log_path):
-        if os.path.exists(path):
-            os.remove(path)
-    with open(log_path, "wb") as log:
-        sim = subprocess.Popen([devsim, "--port=0", "--tick-ms=0", "--generate-fleet=%d" % devices,
-                                "--record=" + record], stdout=subprocess.PIPE, stderr=log)
+    sim = Devsim(folder, ["--tick-ms=0", "--generate-fleet=%d" % devices], binary=devsim, record=True)
     try:
-        port = re.search(rb":(\d+)$", sim.stdout.readline().strip()).group(1).decode()
-        subprocess.run([tool, "--port=" + port, "--list"], stdout=subprocess.DEVNULL, check=True)
+        list_run = [tool, "--port=%d" % sim.port, "--list"]
+        subprocess.run(list_run, stdout=subprocess.DEVNULL, check=True, timeout=600)
         start = time.perf_counter()
-        subprocess.run([tool, "--port=" + port, *args], stdout=subprocess.DEVNULL, check=True)
+        subprocess.run(list_run[:2] + args, stdout=subprocess.DEVNULL, check=True, timeout=600)
         elapsed = time.perf_counter() - start
-        while open(log_path).read().count(" gone (") < 2:  # devsim has read all the second run sent
-            time.sleep(0.05)
+        record = sim.frames(clients=2, timeout=600)  # devsim has read all the second run sent
     finally:
-        sim.terminate()
-        sim.wait()
+        sim.stop()
     if "--reboot" in args:
-        got = [line.split('"')[3] for line in open(record)]
+        got = [line.split('"')[3] for line in record.splitlines()]
         want = ["node-%05d" % n for n in range(1, devices + 1)]
         if got != want:
             sys.exit("devsim received %d of %d reboot requests (or out of order)" % (len(got), devices))

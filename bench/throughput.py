@@ -31,12 +31,14 @@ Options:
 import hashlib
 import os
 import re
-import socket
 import statistics
 import subprocess
 import sys
 import tempfile
 import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "testsupport"))
+from harness import Devsim, WebSocket, slurp  # noqa: E402
 
 LIMIT = 32000000  # the transport's largest message
 
@@ -93,45 +95,26 @@ def gnu_time():
         return None
 
 
-class Devsim:
-    def __init__(self, binary, args, folder):
-        self.log_path = os.path.join(folder, "devsim.log")
-        with open(self.log_path, "wb") as log:
-            self.proc = subprocess.Popen([binary, "--port=0", "--tick-ms=0", *args],
-                                         stdout=subprocess.PIPE, stderr=log)
-        line = self.proc.stdout.readline().decode()
-        match = re.search(r":(\d+)$", line.strip())
-        if not match:
-            self.stop()
-            sys.exit("devsim did not start: " + open(self.log_path).read()[-500:])
-        self.port = match.group(1)
-        self.list_bytes = self.first_message_bytes()
+def serve(binary, args, folder):
+    """A fresh devsim that has served one connection, and the length of its list message (read
+    from that connection's first frame header alone)."""
+    sim = Devsim(folder, ["--tick-ms=0", *args], binary=binary)
+    try:
+        with WebSocket(sim.port) as ws:
+            sim.list_bytes = ws.header()[1]
+    except OSError:
+        sim.stop()
+        raise
+    return sim
 
-    def first_message_bytes(self):
-        """Opens and drops one connection, reading only the length of the list's frame."""
-        with socket.create_connection(("127.0.0.1", int(self.port))) as s:
-            s.sendall(b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                      b"Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n")
-            data = b""
-            while b"\r\n\r\n" not in data or len(data) < data.index(b"\r\n\r\n") + 14:
-                data += s.recv(4096)
-            head = data[data.index(b"\r\n\r\n") + 4:]
-            size = head[1] & 0x7F
-            if size == 126:
-                return int.from_bytes(head[2:4], "big")
-            return int.from_bytes(head[2:10], "big") if size == 127 else size
 
-    def connections(self):
-        return open(self.log_path).read().count(" connected from ")
-
-    def stop(self):
-        self.proc.terminate()
-        self.proc.wait()
+def connections(sim):
+    return slurp(sim.log_path).count(" connected from ")
 
 
 def run_client(command, folder, driver, sim, out_path):
     """Runs one client to its end; returns (wall s, cpu s, peak RSS KiB, exit status)."""
-    seen = sim.connections()
+    seen = connections(sim)
     rss_path = out_path + ".rss"
     if TIME:
         command = [TIME, "-f", "%M", "-o", rss_path, *command]
@@ -140,8 +123,7 @@ def run_client(command, folder, driver, sim, out_path):
         proc = subprocess.Popen(command, stdout=out, stderr=subprocess.DEVNULL, cwd=folder)
         if driver:
             # The reboots go out once devsim has the client, so that it sees every one.
-            while sim.connections() == seen and proc.poll() is None:
-                time.sleep(0.001)
+            sim.wait_for(lambda: connections(sim) != seen or proc.poll() is not None, "the client connected", 60)
             subprocess.run(driver, stdout=subprocess.DEVNULL, check=True)
         _, status, usage = os.wait4(proc.pid, 0)
         wall = time.perf_counter() - start
@@ -176,15 +158,15 @@ def main():
             # Round by round, so that a change in the machine's other load falls on both.
             for i in range(runs):
                 for name, binary in clients:
-                    sim = Devsim(devsim, sim_args, folder)
-                    command = [binary, *client_args, "--port=" + sim.port]
+                    sim = serve(devsim, sim_args, folder)
+                    command = [binary, *client_args, "--port=%d" % sim.port]
                     out_path = os.path.join(cg_dir or folder, "%s.%s.out" % (case, name))
                     profile = os.path.join(cg_dir or folder, "%s.%s.cg" % (case, name))
                     if cg_dir:
                         command = ["valgrind", "--tool=callgrind", "--callgrind-out-file=" + profile,
                                    "--log-file=" + profile + ".log", *command]
                     try:
-                        sample = run_client(command, folder, reboot + ["--port=" + sim.port] if drives else None,
+                        sample = run_client(command, folder, reboot + ["--port=%d" % sim.port] if drives else None,
                                             sim, out_path)
                     finally:
                         sim.stop()

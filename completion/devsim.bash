@@ -8,7 +8,7 @@ _devsim()
     _split_longopt && split=true
 
     if ! $split; then
-        COMPREPLY=($(compgen -W '--port= --fleet= --generate-fleet= --tick-ms=
+        COMPREPLY=($(compgen -W '--port= --port-file= --fleet= --generate-fleet= --tick-ms=
             --progress-steps= --record= --close-after= --garbage-after=
             --mute-after= --oversize-after= --not-object-after= --deep-after=
             --drop-after= --reset-after= --pause-reading-ms= --binary --help' -- "$cur"))
@@ -21,7 +21,7 @@ _devsim()
         --fleet)
             _filedir json
             ;;
-        --record)
+        --record | --port-file)
             _filedir
             ;;
     esac

@@ -1,6 +1,7 @@
 # fish completion for devsim.
 complete -c devsim -f
 complete -c devsim -l port -x -d 'Port to listen on (0 picks a free one)'
+complete -c devsim -l port-file -r -F -d 'Once listening, write the port to this file'
 complete -c devsim -l fleet -r -F -d 'Serve the devices of this JSON fleet file'
 complete -c devsim -l generate-fleet -x -d 'Serve this many synthetic devices'
 complete -c devsim -l tick-ms -x -d 'Milliseconds between progress events'

@@ -105,7 +105,6 @@ struct Model {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static WebsocketClient link;          // only its receive step runs: it never connects
     std::cout.setstate(std::ios::badbit); // silences its parse-failure reports
     const std::string input(reinterpret_cast<const char*>(data), size);
     std::size_t end = std::min(input.find('\n'), input.size());
@@ -127,6 +126,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     client->addState(IWebsocketClient::Open);
     machine.run();
 
+    // Only its receive step runs: it never connects. It lives no longer than the locals
+    // its callback refers to.
+    WebsocketClient link;
     link.onMessage([&](Json::Value m) {
         const Json::Value& type = member(m, "msg");
         const bool result = type == "upgrade_result", jobFrame = result || type == "upgrade_progress";

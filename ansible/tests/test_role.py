@@ -6,15 +6,14 @@ import re
 import shutil
 import socket
 import subprocess
-import sys
 import tarfile
 import tempfile
 import unittest
 
+from harness import Journey, slurp  # a scratch folder, and devsims that record what they receive
+
 COLLECTION = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 DEVUPDATE = os.environ.get("DEVUPDATE", "devupdate")
-sys.path.insert(0, os.path.join(os.path.dirname(COLLECTION), "e2e"))
-from test_devupdate import Journey, slurp  # noqa: E402  (a scratch folder, and devsims that record what they receive)
 
 TIMEOUT = 120  # seconds; playbooks side by side on a busy machine
 HOSTS = ("h1", "h2", "h3")

@@ -149,10 +149,8 @@ void Fleet::add(const Json::Value& entry, const std::string& where) {
     if (!entry["name"].isString() || entry["name"].asString().empty())
         throw std::runtime_error(where + ": a device needs a non-empty string \"name\"");
     std::string name = entry["name"].asString();
-    for (const Device& other : entries) {
-        if (other.object["name"].asString() == name)
-            throw std::runtime_error(where + ": duplicate device name \"" + name + "\"");
-    }
+    if (!loadedNames.insert(name).second)
+        throw std::runtime_error(where + ": duplicate device name \"" + name + "\"");
 
     Device device;
     device.object = entry;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace devsim {
@@ -60,6 +61,8 @@ public:
 private:
     void add(const Json::Value& entry, const std::string& where);
     std::vector<Device> entries;
+    // Every name added so far: a large fleet file must load in linear time.
+    std::unordered_set<std::string> loadedNames;
     // Where each name stood when first looked up: a request per device of a large fleet
     // must not scan the whole fleet each time. Checked on every hit, since a change
     // may rename a device.

@@ -2,9 +2,12 @@
 #include "Service.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <limits>
+#include <stdexcept>
 #include <string>
 
 namespace {
@@ -15,11 +18,11 @@ const char* const kUsage = "Usage: devsim [options]\n"
                            "\n"
                            "Options:\n"
                            "  --port=N              Port to listen on (default 7070; 0 picks a free one)\n"
+                           "  --port-file=FILE      Once listening, write the port to FILE (whole, or not yet there)\n"
                            "  --fleet=FILE          Devices to serve, from a JSON file (default: built-in fleet)\n"
                            "  --generate-fleet=N    Serve N synthetic normal-mode devices instead\n"
                            "  --tick-ms=N           Milliseconds between progress events (default 200; 0 = no pause)\n"
                            "  --progress-steps=N    Progress events per job, the last being Done (default 10)\n"
-
                            "  --record=FILE         Append every frame received from any client to FILE, verbatim\n"
                            "  --help, -h            Show this text\n"
                            "\n"
@@ -55,11 +58,24 @@ unsigned long toNumber(const std::string& option, const std::string& text, unsig
     return std::stoul(text);
 }
 
+// Written beside the file and renamed into place, so that whoever waits for the file
+// never reads half of it.
+void writePortFile(const std::string& path, unsigned port) {
+    const std::string part = path + ".part";
+    std::ofstream out(part);
+    out << port << '\n';
+    out.close();
+    if (!out || std::rename(part.c_str(), path.c_str()) != 0) {
+        std::remove(part.c_str());
+        throw std::runtime_error("cannot write port file " + path);
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     devsim::Options options;
-    std::string fleetFile;
+    std::string fleetFile, portFile;
     long generate = -1;
     const unsigned long kMaxCount = std::numeric_limits<int>::max();
 
@@ -72,6 +88,8 @@ int main(int argc, char** argv) {
             options.binary = true;
         } else if (takeValue(arg, "--port", value)) {
             options.port = toNumber("--port", value, 65535);
+        } else if (takeValue(arg, "--port-file", value)) {
+            portFile = value;
         } else if (takeValue(arg, "--fleet", value)) {
             fleetFile = value;
         } else if (takeValue(arg, "--generate-fleet", value)) {
@@ -136,6 +154,8 @@ int main(int argc, char** argv) {
             deadline.async_wait([&io](const asio::error_code&) { io.stop(); });
         });
 
+        if (!portFile.empty())
+            writePortFile(portFile, port);
         std::cout << "devsim listening on 127.0.0.1:" << port << std::endl;
         io.run();
     } catch (const std::exception& e) {

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -10,12 +11,12 @@ namespace {
 
 using devsim::Fleet;
 
-// A file of the test's own; the process id keeps parallel test processes apart.
-std::string writeFile(const std::string& name, const std::string& text) {
-    const std::string path = testing::TempDir() + "devsim" + std::to_string(getpid()) + "_" + name;
-    std::ofstream(path) << text;
-    return path;
-}
+// A fleet file of the test's own, gone with it; the process id keeps parallel test processes apart.
+struct FleetFile {
+    const std::string path = testing::TempDir() + "devsim" + std::to_string(getpid()) + "_fleet.json";
+    explicit FleetFile(const std::string& text) { std::ofstream(path) << text; }
+    ~FleetFile() { std::remove(path.c_str()); }
+};
 
 // The first device's script in brief, or the error that loading the file gives.
 std::string load(const std::string& path) try {
@@ -43,6 +44,7 @@ TEST(Fleet, FilesAreCheckedWithReadableErrors) {
         {R"({"devices":{}})", R"(%: expected an array of devices or {"devices": [...]})"},
         {R"([{"name":"a"},7])", "%: device 1: a device must be a JSON object"},
         {R"([{"name":""}])", R"(%: device 0: a device needs a non-empty string "name")"},
+        {R"([{"name":5}])", R"(%: device 0: a device needs a non-empty string "name")"},
         {R"([{"name":"a"},{"name":"a"}])", R"(%: device 1: duplicate device name "a")"},
         {R"([{"name":"a","sim":[]}])", a + R"(: "sim" must be an object)"},
         {sim(R"("failat":1)"), a + R"(: unknown sim member "failat")"},
@@ -58,15 +60,26 @@ TEST(Fleet, FilesAreCheckedWithReadableErrors) {
         {sim(R"("changeAfterMs":5)"), a + ": changeAfterMs and changeTo go together"},
         {sim(R"("changeTo":{})"), a + ": changeAfterMs and changeTo go together"},
         {sim(R"("changeAfterMs":5,"changeTo":{"name":"b"})"), a + R"(: sim.changeTo must be an object without "name")"},
+        {sim(R"("changeAfterMs":5,"changeTo":1)"), a + R"(: sim.changeTo must be an object without "name")"},
     };
     for (const auto& [text, expected] : table) {
-        const std::string path = writeFile("fleet.json", text);
+        const FleetFile file(text);
         const auto at = expected.find('%');
-        EXPECT_EQ(load(path),
-                  at == std::string::npos ? expected : expected.substr(0, at) + path + expected.substr(at + 1))
+        EXPECT_EQ(load(file.path),
+                  at == std::string::npos ? expected : expected.substr(0, at) + file.path + expected.substr(at + 1))
             << text;
     }
     EXPECT_EQ(load("/nonexistent/fleet.json"), "cannot open fleet file /nonexistent/fleet.json");
+}
+
+// A device without a declared version after an upgrade: its last number goes up by one.
+TEST(Fleet, VersionsBumpTheirLastNumber) {
+    const std::vector<std::pair<std::string, std::string>> table = {
+        {"2.0.3", "2.0.4"}, {"1.9-rc2", "1.9-rc3"}, {"4.0.9 (build 99)", "4.0.9 (build 100)"},
+        {"1.2345678901", "1.2345678901.1"}, {"beta", "beta.1"}, {"", "1.0.1"},
+    };
+    for (const auto& [version, bumped] : table)
+        EXPECT_EQ(devsim::bumpVersion(version), bumped) << version;
 }
 
 } // namespace

@@ -1,33 +1,31 @@
-"""devsim's answers to requests that devupdate never sends, through a client written here."""
+"""devsim through its binary: its command line, and its answers to requests that devupdate never
+sends, through a client written here."""
 
 import json
-import os
-import socket
-import sys
+import signal
+import subprocess
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "e2e"))
-from test_devupdate import TIMEOUT, Journey  # noqa: E402  (a scratch folder and a devsim on an ephemeral port)
+from harness import DEVSIM, TIMEOUT, Devsim, Journey, WebSocket, slurp
 
 
 def exchange(port, requests, last):
     """What devsim sends a client that sends `requests` once the device list is in: the list, and
-    with a `last`, what follows until `last` accepts all there is. Frames are masked with a zero key."""
-    with socket.create_connection(("127.0.0.1", port), TIMEOUT) as sock, sock.makefile("rb") as stream:
-        sock.sendall(b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                     b"Sec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\nSec-WebSocket-Version: 13\r\n\r\n")
-        while stream.readline() not in (b"\r\n", b""):
-            pass
-        got = []
-        while not (got and (last is None or len(got) > 1 and last(got))):
-            size = stream.read(2)[1] & 127
-            size = int.from_bytes(stream.read(2 if size == 126 else 8), "big") if size > 125 else size
-            got.append(json.loads(stream.read(size)))
-            if len(got) == 1:  # the list is in: send the requests
-                for data in (json.dumps(request).encode() for request in requests):
-                    length = bytes([0x80 | len(data)]) if len(data) < 126 else b"\xfe" + len(data).to_bytes(2, "big")
-                    sock.sendall(b"\x81" + length + bytes(4) + data)
+    with a `last`, what follows until `last` accepts all there is."""
+    with WebSocket(port) as ws:
+        got = [ws.message()]
+        for request in requests:
+            ws.send(request)
+        while last is not None and not (len(got) > 1 and last(got)):
+            got.append(ws.message())
         return got
+
+
+def brief(message):
+    """A message in one line: its kind, then what it says about the device and the job."""
+    return " ".join(str(message[key]["name"] if isinstance(message[key], dict) else message[key])
+                    for key in ("msg", "device", "progress", "status", "error", "ErrorReason", "zor_error_t", "desc")
+                    if key in message)
 
 
 class Service(Journey):
@@ -36,14 +34,21 @@ class Service(Journey):
         normal = {"manufacturer": {"id": "acme"}, "product": {"id": "x100", "version": "2.0.3"}}
         fleet = [dict(normal, name="n1"), dict(normal, name="n2"), dict(normal, name="stuck", sim={"stallAt": 0}),
                  dict(normal, name="shy", sim={"refuse": True, "resultCode": 9, "desc": "No space left"}),
+                 dict(normal, name="flaky", sim={"failAt": 60, "errorCode": 3}),
+                 dict(normal, name="picky", sim={"resultAt": 50, "resultCode": 9, "desc": "Battery low"}),
                  {"name": "fs", "isSafeModeDevice": True, "safeModeVersion": 1,
                   "interfaces": [{"macAddr": "AA:BB:CC:00:00:02"}], "sim": {"recoverVersion": "4.0.0"}},
-                 {"name": "odd", "isSafeModeDevice": True}]
-        self.port = self.sim("--fleet=" + self.write("fleet.json", json.dumps(fleet))).port
+                 {"name": "sm", "isSafeModeDevice": True, "safeModeVersion": 2, "sim": {"recoverVersion": "3.0.0"}},
+                 {"name": "odd", "isSafeModeDevice": True, "sim": {"refuse": True, "resultCode": 8, "desc": "No"}}]
+        self.fleet = "--fleet=" + self.write("fleet.json", json.dumps(fleet))
+        self.port = self.sim(self.fleet).port
+        self.image, self.other = self.write("fw.bin", ""), self.write("other.bin", "DEVFW1 manufacturer=northwind\n")
+
+    def upgrade(self, device, path=None, force="false"):
+        return {"msg": "upgrade", "device": device, "filePath": self.image if path is None else path, "override": force}
 
     def test_bad_requests_are_refused_with_a_code_and_a_reason(self):
-        image, other = self.write("fw.bin", "plain image\n"), self.write("other.bin", "DEVFW1 manufacturer=northwind\n")
-        upgrade = lambda device, path=image: {"msg": "upgrade", "device": device, "filePath": path}
+        upgrade, other = self.upgrade, self.other
         recover = lambda key, value: {"msg": "failsafe_recover", key: value}
         # Requests, and the code, device and reason of the result that answers the last one.
         table = [
@@ -53,43 +58,132 @@ class Service(Journey):
             ([upgrade("odd")], "6 odd: Device odd is in unknown mode and cannot take an image"),
             ([upgrade("n1", "")], "7 n1: Request names no firmware file"),
             ([upgrade("n1", "/nonexistent/fw.bin")], "2 n1: Cannot read firmware file /nonexistent/fw.bin"),
+            ([upgrade("n1", self.folder)], "2 n1: Cannot read firmware file " + self.folder),
             ([upgrade("n1", other)], "3 n1: Image is for northwind/any but n1 is acme/x100"),
+            ([upgrade("n1", self.write("nw.bin", "DEVFW1 for model=NW200\r\n"))], "3 n1: Image is for any/NW200 but n1 is acme/x100"),
             ([upgrade("shy")], "9 shy: No space left"),
             ([upgrade("stuck"), upgrade("stuck")], "5 stuck: Device stuck is busy with another job"),
             ([recover("device", "")], "7 : Request names no device"),
             ([recover("macaddr", "aa:bb:cc:00:00:99")], "4 aa:bb:cc:00:00:99: Unknown device aa:bb:cc:00:00:99"),
             ([recover("device", "n1")], "6 n1: Device n1 is not in safe or failsafe mode"),
+            ([recover("device", "odd")], "8 odd: No"),
         ]
         for requests, expected in table:
             with self.subTest(requests[-1]):
                 reply = exchange(self.port, requests, lambda got: got[-1]["msg"] == "upgrade_result")[-1]
                 self.assertEqual("%d %s: %s" % (reply["zor_error_t"], reply["device"], reply["desc"]), expected)
 
+    def test_jobs_go_as_their_device_and_the_options_say(self):
+        upgrade, recover = self.upgrade, {"msg": "failsafe_recover", "macaddr": "aa:bb:cc:00:00:02"}
+        restart = lambda name: ["device_removed " + name, "device_added " + name]
+        # devsim's options, requests, what devsim sends back after the list, and lines its log holds.
+        table = [
+            ((), [upgrade("flaky")], ["upgrade_progress flaky 50 Flashing",
+                                      "upgrade_progress flaky 60 Fail 3 Flash write error"], []),
+            ((), [upgrade("picky")], ["upgrade_result picky 9 Battery low"], []),
+            ((), [upgrade("n1", self.other, "true")], ["upgrade_progress n1 50 Flashing", *restart("n1"),
+                                                       "upgrade_progress n1 100 Done"],
+             ["Image is for northwind/any but n1 is acme/x100; flashing it anyway"]),
+            (("--tick-ms=1", "--progress-steps=4"), [recover],
+             ["upgrade_progress fs %d Recovering" % p for p in (25, 50, 75)] + restart("fs") + ["upgrade_progress fs 100 Done"],
+             []),
+            (("--tick-ms=3600000",), [recover, dict(recover, macaddr="fs")],
+             ["upgrade_result fs 5 Device fs is busy with another job"], []),
+            # Requests it cannot act on are logged and ignored; it still answers the next one.
+            ((), ["this is not json", "[1]", "{}", {"msg": "bogus"}, dict(upgrade("ghost"), override=5)],
+             ["upgrade_result ghost 4 Unknown device ghost"],
+             ["ignoring a frame that is not JSON (* Line 1, Column 1 Syntax error: value, object or array expected.)",
+              "ignoring a JSON value that is not an object", 'ignoring a message without a "msg" string',
+              'ignoring unknown request "bogus"', '"override" is not a string, taken as "false"']),
+            (("--mute-after=1",), [upgrade("n1")], [], ["muted after 1 messages", "muted, ignoring a frame of"]),
+            ((), [upgrade("stuck"), {"msg": "reboot", "device": "ghost"}, {"msg": "reboot", "device": "stuck"},
+                  {"msg": "reboot"}, {"msg": "reboot", "device": "n1"}],
+             ["upgrade_progress stuck 0 Transferring", *restart("n1")],
+             ['reboot of unknown device "ghost" ignored', 'reboot of unknown device "" ignored',
+              "reboot of stuck ignored, a job is running on it"]),
+        ]
+        for args, requests, expected, logged in table:
+            with self.subTest(args=args, request=requests[0]):
+                sim = self.sim(self.fleet, *args)
+                got = exchange(sim.port, requests, (lambda got: len(got) > len(expected)) if expected else None)
+                self.assertEqual([brief(m) for m in got[1:]], expected)
+                sim.wait_for(lambda: all(line in slurp(sim.log_path) for line in logged), "logging %s" % logged)
+
     def test_a_finished_job_leaves_the_device_at_its_new_version(self):
-        exchange(self.port, [{"msg": "upgrade", "device": "n1", "filePath": self.write("fw.bin", "plain image\n")},
-                             {"msg": "upgrade", "device": "n2",
-                              "filePath": self.write("v7.bin", "DEVFW1 manufacturer=ACME version=7.1\n")},
-                             {"msg": "failsafe_recover", "macaddr": "aa:bb:cc:00:00:02"}],
-                 lambda got: [m.get("status") for m in got].count("Done") == 3)
-        # A plain image bumps the version, a versioned one sets it, and a recovery leaves the
-        # device in normal mode at its recovery version; a client that connects later lists them so.
+        exchange(self.port, [self.upgrade("n1"),
+                             self.upgrade("n2", self.write("v7.bin", "DEVFW1 manufacturer=ACME version=7.1\n")),
+                             self.upgrade("sm"), {"msg": "failsafe_recover", "macaddr": "aa:bb:cc:00:00:02"}],
+                 lambda got: [m.get("status") for m in got].count("Done") == 4)
+        # A plain image bumps the version, a versioned one sets it; a safe-mode device that takes an
+        # image and a recovered one are in normal mode at their recovery version. A client that
+        # connects later lists them so.
         self.assertEqual([(d["name"], d.get("product", {}).get("version"), d.get("isSafeModeDevice"))
                           for d in exchange(self.port, [], None)[0]["devices"]],
                          [("n1", "2.0.4", None), ("n2", "7.1", None), ("stuck", "2.0.3", None),
-                          ("shy", "2.0.3", None), ("fs", "4.0.0", None), ("odd", None, True)])
+                          ("shy", "2.0.3", None), ("flaky", "2.0.3", None), ("picky", "2.0.3", None),
+                          ("fs", "4.0.0", None), ("sm", "3.0.0", None), ("odd", None, True)])
 
     def test_scripted_devices_come_go_and_change_in_their_time(self):
         change = {"changeAfterMs": 40, "changeTo": {"isSafeModeDevice": None, "product": {"version": "2"}}}
         fleet = [{"name": "beta", "sim": {"leaveAfterMs": 60}}, {"name": "carol", "sim": {"appearAfterMs": 20}},
-                 {"name": "dave", "isSafeModeDevice": True, "sim": change}]
+                 {"name": "dave", "isSafeModeDevice": True, "sim": change},
+                 {"name": "eve", "sim": dict(change, appearAfterMs=80, leaveAfterMs=0)}]  # not there to change or leave
         got = exchange(self.sim("--fleet=" + self.write("timed.json", json.dumps(fleet))).port, [],
-                       lambda got: len(got) == 4)
+                       lambda got: len(got) == 5)
         self.assertEqual([got[0]["devices"]] + got[1:], [
             [{"name": "beta"}, {"name": "dave", "isSafeModeDevice": True}],
             {"msg": "device_added", "device": {"name": "carol"}},
             {"msg": "device_changed", "from": {"name": "dave", "isSafeModeDevice": True},
              "to": {"name": "dave", "product": {"version": "2"}}},
-            {"msg": "device_removed", "device": {"name": "beta"}}])
+            {"msg": "device_removed", "device": {"name": "beta"}},
+            {"msg": "device_added", "device": {"name": "eve"}}])
+
+    def test_devsim_closes_a_connection_when_asked_to_and_when_stopped(self):
+        for args, stop, reason in ((("--close-after=1",), None, b"closing as asked"),
+                                   ((), signal.SIGINT, b"service stopping"), ((), signal.SIGTERM, b"service stopping")):
+            with self.subTest(args=args, stop=stop):
+                sim = Devsim(self.folder, args)
+                self.addCleanup(sim.stop)
+                with WebSocket(sim.port) as ws:
+                    self.assertEqual(ws.message()["msg"], "devices")
+                    if stop:
+                        sim.proc.send_signal(stop)
+                    self.assertEqual(ws.frame(), (8, (1001).to_bytes(2, "big") + reason))
+                self.assertEqual(sim.proc.wait(TIMEOUT) if stop else sim.stop(), 0)
+
+
+class CommandLine(Journey):
+    def test_it_says_where_it_listens_in_one_line(self):
+        port_file = self.folder + "/port"
+        sim = subprocess.Popen([DEVSIM, "--port=0", "--port-file=" + port_file], stdout=subprocess.PIPE)
+        self.addCleanup(sim.wait, TIMEOUT)
+        self.addCleanup(sim.stdout.close)
+        self.addCleanup(sim.terminate)
+        line = sim.stdout.readline().decode()  # flushed at once: the port file is there by now
+        self.assertEqual(line, "devsim listening on 127.0.0.1:%d\n" % int(slurp(port_file)))
+
+    def test_bad_command_lines_end_it_with_a_reason(self):
+        busy = self.sim().port
+        # Arguments after --port=0, the exit status and the last line devsim prints.
+        table = [
+            (["-h"], 0, "SIGINT or SIGTERM stops it."),
+            (["--bogus"], 2, "devsim: unknown option --bogus (see --help)"),
+            (["--port=65536"], 2, "devsim: --port needs a whole number up to 65535"),
+            (["--tick-ms=-1"], 2, "devsim: --tick-ms needs a whole number up to 3600000"),
+            (["--tick-ms="], 2, "devsim: --tick-ms needs a whole number up to 3600000"),
+            (["--close-after=99999999999"], 2, "devsim: --close-after needs a whole number up to 2147483647"),
+            (["--progress-steps=0"], 2, "devsim: --progress-steps must be at least 1"),
+            (["--fleet=f.json", "--generate-fleet=1"], 2, "devsim: --fleet and --generate-fleet exclude each other"),
+            (["--fleet=/nonexistent/f.json"], 1, "devsim: cannot open fleet file /nonexistent/f.json"),
+            (["--record=/nonexistent/r"], 1, "devsim: cannot open record file /nonexistent/r"),
+            (["--port-file=/nonexistent/p"], 1, "devsim: cannot write port file /nonexistent/p"),
+            (["--port=%d" % busy], 1, "devsim: cannot listen on 127.0.0.1:%d: Address already in use" % busy),
+        ]
+        for args, status, last in table:
+            with self.subTest(args):
+                done = subprocess.run([DEVSIM, "--port=0", *args], capture_output=True, timeout=TIMEOUT)
+                self.assertEqual((done.returncode, (done.stdout + done.stderr).decode().splitlines()[-1]),
+                                 (status, last))
 
 
 if __name__ == "__main__":

@@ -1,0 +1,159 @@
+"""What the Python tests and benchmarks share: devsim on a free port, a bare WebSocket client,
+and a test case with a scratch folder. CTest puts this folder on PYTHONPATH."""
+
+import itertools
+import json
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+import unittest
+
+DEVUPDATE = os.environ.get("DEVUPDATE", "devupdate")
+DEVSIM = os.environ.get("DEVSIM", "devsim")
+TIMEOUT = 10  # seconds; an upper bound for waits that normally take milliseconds
+STARTUP = 60  # seconds; devsim builds and serialises its whole fleet before it listens
+
+
+def slurp(path):
+    with open(path) as f:
+        return f.read()
+
+
+class Devsim:
+    """One devsim on a free port; its log, its port file and with `record` the frames it receives
+    are files in `folder`."""
+
+    serial = itertools.count()
+
+    def __init__(self, folder, args, binary=DEVSIM, record=False):
+        base = os.path.join(folder, "devsim%d." % next(Devsim.serial))
+        self.log_path, self.record, port_file = base + "log", base + "rec", base + "port"
+        recording = ["--record=" + self.record] if record else []
+        with open(self.log_path, "wb") as log:
+            self.proc = subprocess.Popen([binary, "--port=0", "--port-file=" + port_file, *recording, *args],
+                                         stdout=subprocess.DEVNULL, stderr=log)
+        try:
+            self.wait_for(lambda: os.path.exists(port_file), "listening", STARTUP)
+        except RuntimeError:
+            self.proc.kill()
+            self.proc.wait()
+            raise
+        self.port = int(slurp(port_file))
+
+    def wait_for(self, ready, what, timeout=TIMEOUT):
+        """Returns once `ready()` holds; raises when devsim ends first or `timeout` seconds pass."""
+        deadline = time.monotonic() + timeout
+        while not ready():
+            if self.proc.poll() is not None or time.monotonic() > deadline:
+                raise RuntimeError("devsim %s before %s: %s" % (
+                    "took too long" if self.proc.returncode is None else "ended with status %d" % self.proc.returncode,
+                    what, slurp(self.log_path)[-1000:]))
+            time.sleep(0.01)
+
+    def gone(self):
+        """How many clients have left so far."""
+        return slurp(self.log_path).count(" gone (")
+
+    def frames(self, clients=1, timeout=TIMEOUT):
+        """What devsim received, once `clients` clients have gone (all they sent is recorded by then)."""
+        self.wait_for(lambda: self.gone() >= clients, "%d clients had gone" % clients, timeout)
+        return slurp(self.record) if os.path.exists(self.record) else ""
+
+    def stop(self):
+        """Its exit status after SIGTERM."""
+        if self.proc.poll() is None:
+            self.proc.send_signal(signal.SIGTERM)
+        try:
+            return self.proc.wait(TIMEOUT)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()  # nothing is left running, whatever the test makes of it
+            self.proc.wait()
+            raise
+
+
+class WebSocket:
+    """A client written out by hand, for what no client library would send or show: frames go out
+    masked with a zero key; every frame read is returned as it came."""
+
+    def __init__(self, port, timeout=TIMEOUT):
+        self.sock = socket.create_connection(("127.0.0.1", port), timeout)
+        self.stream = self.sock.makefile("rb")
+        self.sock.sendall(b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                          b"Sec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\nSec-WebSocket-Version: 13\r\n\r\n")
+        if not self.stream.readline().startswith(b"HTTP/1.1 101 "):
+            raise ConnectionError("the service refused the WebSocket handshake")
+        while self.read_line() != b"\r\n":
+            pass
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stream.close()
+        self.sock.close()
+
+    def read_line(self):
+        line = self.stream.readline()
+        if not line.endswith(b"\n"):
+            raise ConnectionError("the service ended the connection mid-handshake")
+        return line
+
+    def read(self, size):
+        data = self.stream.read(size)
+        if len(data) < size:
+            raise ConnectionError("the service ended the connection mid-frame")
+        return data
+
+    def header(self):
+        """The next frame's opcode and payload length; its payload is next to read."""
+        first, second = self.read(2)
+        size = second & 127
+        return first & 15, int.from_bytes(self.read(2 if size == 126 else 8), "big") if size > 125 else size
+
+    def frame(self):
+        """The next frame's opcode and payload."""
+        opcode, size = self.header()
+        return opcode, self.read(size)
+
+    def message(self):
+        """The next message, decoded; raises when the service closes instead."""
+        opcode, payload = self.frame()
+        if opcode == 8:
+            raise ConnectionError("the service closed the connection: %r" % payload)
+        return json.loads(payload)
+
+    def send(self, message):
+        """Sends a text frame: `message` as JSON, or a str as it is."""
+        data = (message if isinstance(message, str) else json.dumps(message)).encode()
+        length = bytes([0x80 | len(data)]) if len(data) < 126 else b"\xfe" + len(data).to_bytes(2, "big")
+        self.sock.sendall(b"\x81" + length + bytes(4) + data)
+
+
+class Journey(unittest.TestCase):
+    """A scratch folder holding a firmware file, devsims that record what they receive, and devupdate."""
+
+    def setUp(self):
+        self.folder = os.path.realpath(tempfile.mkdtemp(prefix="devupdate-test-"))
+        self.addCleanup(shutil.rmtree, self.folder, True)
+        self.write("fw.bin", "DEVFW1 version=2.0.0\n")
+
+    def write(self, name, text):
+        """A file in the scratch folder; gives its path."""
+        with open(os.path.join(self.folder, name), "w") as f:
+            f.write(text)
+        return f.name
+
+    def sim(self, *args):
+        """A devsim that runs each job in two steps at once, stopped cleanly when the test ends."""
+        sim = Devsim(self.folder, ("--tick-ms=0", "--progress-steps=2", *args), record=True)
+        self.addCleanup(lambda: self.assertEqual(sim.stop(), 0, "devsim did not stop cleanly"))
+        return sim
+
+    def tool(self, *args):
+        """Runs devupdate to its end: its standard output, exit status and standard error."""
+        done = subprocess.run([DEVUPDATE, *args], cwd=self.folder, capture_output=True, timeout=TIMEOUT)
+        return done.stdout.decode(), done.returncode, done.stderr.decode()
