@@ -152,7 +152,7 @@ class Faults(Journey):
                     self.assertEqual(bool(errors), bool(log), errors)
                     self.assertIn(log, errors)
 
-    @unittest.skipUnless(os.path.isdir("/proc/self/task"), "reads the tool's threads from /proc, which macOS has not")
+    @unittest.skipUnless(os.path.isdir("/proc/self/task"), "reads the tool's threads from /proc, which macOS lacks")
     def test_silent_service_is_waited_for_without_spinning(self):
         tool = subprocess.Popen([DEVUPDATE, "--port=%d" % self.sim("--mute-after=2").port, *UPDATE], cwd=self.folder,
                                 stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
