@@ -1,6 +1,6 @@
 # Front door: `make demo`, `make test`, `make build`; also `make bench`,
 # `make test-sanitize`, `make fuzz`, `make fuzz-smoke`, `make install`, `make package`,
-# `make package-check`, `make test-clang` and `make check-libcxx`.
+# `make package-check` and `make check-libcxx`.
 BUILD ?= build
 JOBS  ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 # The builds below are make runs of their own: no "Entering directory" around each.
@@ -18,8 +18,8 @@ PACKAGES := g++ cmake make pkg-config python3 libasio-dev libwebsocketpp-dev lib
 BREW_PACKAGES := cmake pkgconf jsoncpp websocketpp googletest mandoc groff bash-completion fish \
                  ansible ansible-lint
 
-.PHONY: all deps build test demo bench clean build-sanitize test-sanitize fuzz-deps fuzz fuzz-smoke \
-        install package-deps package package-check clang-deps test-clang check-libcxx
+.PHONY: all deps build test demo bench clean clang-deps configure-sanitize build-sanitize test-sanitize \
+        fuzz fuzz-smoke install package-deps package package-check check-libcxx
 
 all: build
 
@@ -98,39 +98,42 @@ package-check: package
 	JOBS=$(JOBS) bash e2e/test_install.sh $(BUILD) $(BUILD)/e2e/stage reproducible
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(CLANG_BUILD) $(LIBCXX_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(LIBCXX_BUILD)
 
 # The other builds run only what the compiler or the standard library can change: not the
 # install, Ansible, build and style checks, which `make test` runs once.
 ONCE_ONLY := ^(install|ansible|cmake|style)\.
 
-# Checked build: every target and the suite under ASan and UBSan, stopping at the first
-# report.
-ASAN_BUILD ?= build-asan
-SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1
+# The second compiler's build: clang, as on a Mac, with jsoncpp found through pkg-config
+# (Homebrew installs no CMake package for it), every target under ASan and UBSan stopping at
+# the first report, and the libFuzzer targets where this clang has libFuzzer.
+ASAN_BUILD     ?= build-asan
+CLANG_PACKAGES := clang libclang-rt-dev libc++-dev libc++abi-dev
+SANITIZER_ENV  := ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1
 
-# Configured on every call (cheap when nothing changed), so that the option is always on
+clang-deps:
+	@$(MAKE) deps EXTRA_PACKAGES="$(CLANG_PACKAGES)"
+
+# Configured on every call (cheap when nothing changed), so that the options are always on
 # and folders added since the last call join the build.
-build-sanitize: deps
-	cmake -S . -B $(ASAN_BUILD) -DDEVUPDATE_SANITIZE=ON
+configure-sanitize: clang-deps
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DDEVUPDATE_SANITIZE=ON -DDEVUPDATE_FUZZ=ON \
+	  -DCMAKE_DISABLE_FIND_PACKAGE_jsoncpp=ON
+	@grep -q '^pkgcfg_lib_JSONCPP_jsoncpp:FILEPATH=/' $(ASAN_BUILD)/CMakeCache.txt || \
+	  { echo "$(ASAN_BUILD): jsoncpp was not found through pkg-config" >&2; exit 1; }
+
+build-sanitize: configure-sanitize
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 test-sanitize: build-sanitize
 	cd $(ASAN_BUILD) && $(SANITIZER_ENV) ctest --output-on-failure -j $(JOBS) -E '$(ONCE_ONLY)'
 
-# libFuzzer targets, built by clang with the sanitizers; only these targets need clang.
-FUZZ_BUILD    ?= build-fuzz
-FUZZ_PACKAGES := clang libclang-rt-dev
-FUZZ_TARGETS  := fuzz_receive
-FUZZ_TIME     ?= 30
-FUZZ_SCRATCH  ?= $(FUZZ_BUILD)/scratch
+FUZZ_TARGETS := fuzz_receive
+FUZZ_TIME    ?= 30
+FUZZ_SCRATCH ?= $(ASAN_BUILD)/scratch
 
-fuzz-deps:
-	@$(MAKE) deps EXTRA_PACKAGES="$(FUZZ_PACKAGES)"
-
-fuzz: fuzz-deps
-	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DDEVUPDATE_SANITIZE=ON -DDEVUPDATE_FUZZ=ON -DBUILD_TESTING=OFF
-	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target $(FUZZ_TARGETS)
+fuzz: configure-sanitize
+	cmake --build $(ASAN_BUILD) -j $(JOBS) --target $(FUZZ_TARGETS)
 
 # Each target for FUZZ_TIME seconds from its committed seeds, copied to a scratch corpus
 # so that the repository is not touched.
@@ -139,28 +142,14 @@ fuzz-smoke: fuzz
 	  rm -rf $(FUZZ_SCRATCH)/$$t && mkdir -p $(FUZZ_SCRATCH)/$$t $(FUZZ_SCRATCH)/$$t-crashes; \
 	  cp fuzz/corpus/$$t/* $(FUZZ_SCRATCH)/$$t/; \
 	  echo "fuzz_$$t: $(FUZZ_TIME) s"; \
-	  $(FUZZ_BUILD)/fuzz/fuzz_$$t -max_total_time=$(FUZZ_TIME) -timeout=10 -dict=fuzz/protocol.dict \
+	  $(ASAN_BUILD)/fuzz/fuzz_$$t -max_total_time=$(FUZZ_TIME) -timeout=10 -dict=fuzz/protocol.dict \
 	    -artifact_prefix=$(FUZZ_SCRATCH)/$$t-crashes/ -print_final_stats=1 $(FUZZ_SCRATCH)/$$t; \
 	done; \
 	echo "fuzz-smoke: $(words $(FUZZ_TARGETS)) passed, 0 failed"
 
-# The ways a Mac builds differently. First the project and its suite built by clang, with
-# jsoncpp found through pkg-config (Homebrew installs no CMake package for it).
-CLANG_BUILD    ?= build-clang
-LIBCXX_BUILD   ?= build-libcxx
-CLANG_PACKAGES := clang libc++-dev libc++abi-dev
+LIBCXX_BUILD ?= build-libcxx
 
-clang-deps:
-	@$(MAKE) deps EXTRA_PACKAGES="$(CLANG_PACKAGES)"
-
-test-clang: clang-deps
-	cmake -S . -B $(CLANG_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_DISABLE_FIND_PACKAGE_jsoncpp=ON
-	@grep -q '^pkgcfg_lib_JSONCPP_jsoncpp:FILEPATH=/' $(CLANG_BUILD)/CMakeCache.txt || \
-	  { echo "test-clang: jsoncpp was not found through pkg-config" >&2; exit 1; }
-	cmake --build $(CLANG_BUILD) -j $(JOBS)
-	cd $(CLANG_BUILD) && ctest --output-on-failure -j $(JOBS) -E '$(ONCE_ONLY)'
-
-# Then the tool's sources against libc++, the standard library of macOS. Compiled only:
+# The tool's sources against libc++, the standard library of macOS, hardened. Compiled only:
 # Debian's jsoncpp is built for libstdc++, so nothing here links against it.
 check-libcxx: clang-deps
 	cmake -S . -B $(LIBCXX_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS=-stdlib=libc++ \
