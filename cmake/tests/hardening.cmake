@@ -33,7 +33,7 @@ function(configure path)
   if(NOT status EQUAL 0)
     message(FATAL_ERROR "configure failed:\n${out}${err}")
   endif()
-  string(REGEX MATCH "-- Hardening: [^\n]*" said "${out}")
+  string(REGEX MATCH "-- Hardening:.*" said "${out}")
   set(said "${said}" PARENT_SCOPE)
 endfunction()
 
