@@ -153,6 +153,11 @@ Text play(const char* args, const Text& events, Text& wire) {
     return out.str() + "|" + states[machine.getState()] + (client->disconnected ? " disconnected" : "");
 }
 
+// A row in a failure report: its name, not its bytes.
+void PrintTo(const Scenario& s, std::ostream* out) {
+    *out << s.name;
+}
+
 class Controller : public ::testing::TestWithParam<Scenario> {};
 
 TEST_P(Controller, PrintsSendsAndEnds) {
