@@ -1,21 +1,25 @@
 # Front door: `make demo`, `make test`, `make build`; also `make bench`,
 # `make test-sanitize`, `make fuzz`, `make fuzz-smoke`, `make install`, `make package`,
-# `make package-check`, `make test-clang`, `make check-libcxx` and `make test-pkgconfig`.
+# `make package-check` and `make check-libcxx`.
 BUILD ?= build
 JOBS  ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
+# The builds below are make runs of their own: no "Entering directory" around each.
+MAKEFLAGS += --no-print-directory
 
 # Debian packages the build, the tests (python3 runs the end-to-end journeys, mandoc,
 # groff and man lint the man pages, bash-completion, zsh and fish run the completions,
-# ansible-core and ansible-lint test the Ansible collection) and the demo need.
+# ansible-core and ansible-lint test the Ansible collection, clang-format checks the house
+# style) and the demo need.
 PACKAGES := g++ cmake make pkg-config python3 libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev \
-            libgmock-dev mandoc groff-base man-db bash-completion zsh fish ansible-core ansible-lint
+            libgmock-dev mandoc groff-base man-db bash-completion zsh fish ansible-core ansible-lint \
+            clang-format
 # The same for a Mac with Homebrew (python3, zsh and bash come with macOS). Its asio is
 # newer than websocketpp allows: see docs/macos.md for the one to use.
 BREW_PACKAGES := cmake pkgconf jsoncpp websocketpp googletest mandoc groff bash-completion fish \
                  ansible ansible-lint
 
-.PHONY: all deps build test demo bench clean build-sanitize test-sanitize fuzz-deps fuzz fuzz-smoke \
-        install package-deps package package-check clang-deps test-clang check-libcxx test-pkgconfig
+.PHONY: all deps build test demo bench clean clang-deps configure-sanitize build-sanitize test-sanitize \
+        fuzz fuzz-smoke install package-deps package package-check check-libcxx
 
 all: build
 
@@ -60,8 +64,10 @@ test: build
 demo: build
 	bash demo/demo.sh $(BUILD)
 
-# The second line is a short throughput check; docs/performance.md has the full runs.
+# Only here are the benchmark programs built. The second line is a short throughput
+# check; docs/performance.md has the full runs.
 bench: build
+	cmake --build $(BUILD) -j $(JOBS) --target devupdate_bench floor
 	$(BUILD)/bench/devupdate_bench
 	python3 bench/throughput.py --build=$(BUILD) --runs=3 list-10000 storm-20000 live-2000
 
@@ -72,15 +78,17 @@ install: build
 
 # Two .deb files in $(BUILD): devupdate and devsim. dpkg-shlibdeps (dpkg-dev) finds
 # their dependencies, with the help of file; lintian and hardening-check (devscripts)
-# check the result. The build takes its hardening flags from dpkg-buildflags (dpkg-dev).
-# Next to them, the Ansible collection's tarball.
+# check the result. The build takes its hardening flags from dpkg-buildflags (dpkg-dev):
+# configured again once that is installed, whatever configured $(BUILD) first (cpack
+# refuses a build without them). Next to them, the Ansible collection's tarball.
 PACKAGE_PACKAGES := dpkg-dev file lintian devscripts
 
 package-deps:
-	@$(MAKE) --no-print-directory deps EXTRA_PACKAGES="$(PACKAGE_PACKAGES)"
+	@$(MAKE) deps EXTRA_PACKAGES="$(PACKAGE_PACKAGES)"
 
-package: package-deps build
-	cmake --build $(BUILD) --target package
+package: package-deps
+	cmake -S . -B $(BUILD)
+	cmake --build $(BUILD) -j $(JOBS) --target package
 	ansible-galaxy collection build ansible --output-path $(BUILD) --force
 
 # The packages' file lists, fields, lintian (any tag fails) and hardening-check; then the
@@ -90,35 +98,42 @@ package-check: package
 	JOBS=$(JOBS) bash e2e/test_install.sh $(BUILD) $(BUILD)/e2e/stage reproducible
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(CLANG_BUILD) $(LIBCXX_BUILD) $(PKGCONFIG_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(LIBCXX_BUILD)
 
-# Checked build: every target and the whole CTest suite under ASan and UBSan, stopping
-# at the first report.
-ASAN_BUILD ?= build-asan
-SANITIZER_ENV := ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1
+# The other builds run only what the compiler or the standard library can change: not the
+# install, Ansible, build and style checks, which `make test` runs once.
+ONCE_ONLY := ^(install|ansible|cmake|style)\.
 
-# Configured on every call (cheap when nothing changed), so that the option is always on
+# The second compiler's build: clang, as on a Mac, with jsoncpp found through pkg-config
+# (Homebrew installs no CMake package for it), every target under ASan and UBSan stopping at
+# the first report, and the libFuzzer targets where this clang has libFuzzer.
+ASAN_BUILD     ?= build-asan
+CLANG_PACKAGES := clang libclang-rt-dev libc++-dev libc++abi-dev
+SANITIZER_ENV  := ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1
+
+clang-deps:
+	@$(MAKE) deps EXTRA_PACKAGES="$(CLANG_PACKAGES)"
+
+# Configured on every call (cheap when nothing changed), so that the options are always on
 # and folders added since the last call join the build.
-build-sanitize: deps
-	cmake -S . -B $(ASAN_BUILD) -DDEVUPDATE_SANITIZE=ON
+configure-sanitize: clang-deps
+	cmake -S . -B $(ASAN_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DDEVUPDATE_SANITIZE=ON -DDEVUPDATE_FUZZ=ON \
+	  -DCMAKE_DISABLE_FIND_PACKAGE_jsoncpp=ON
+	@grep -q '^pkgcfg_lib_JSONCPP_jsoncpp:FILEPATH=/' $(ASAN_BUILD)/CMakeCache.txt || \
+	  { echo "$(ASAN_BUILD): jsoncpp was not found through pkg-config" >&2; exit 1; }
+
+build-sanitize: configure-sanitize
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 
 test-sanitize: build-sanitize
-	cd $(ASAN_BUILD) && $(SANITIZER_ENV) ctest --output-on-failure -j $(JOBS)
+	cd $(ASAN_BUILD) && $(SANITIZER_ENV) ctest --output-on-failure -j $(JOBS) -E '$(ONCE_ONLY)'
 
-# libFuzzer targets, built by clang with the sanitizers; only these targets need clang.
-FUZZ_BUILD    ?= build-fuzz
-FUZZ_PACKAGES := clang libclang-rt-14-dev
-FUZZ_TARGETS  := fuzz_receive
-FUZZ_TIME     ?= 30
-FUZZ_SCRATCH  ?= $(FUZZ_BUILD)/scratch
+FUZZ_TARGETS := fuzz_receive
+FUZZ_TIME    ?= 30
+FUZZ_SCRATCH ?= $(ASAN_BUILD)/scratch
 
-fuzz-deps:
-	@$(MAKE) --no-print-directory deps EXTRA_PACKAGES="$(FUZZ_PACKAGES)"
-
-fuzz: fuzz-deps
-	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DDEVUPDATE_SANITIZE=ON -DDEVUPDATE_FUZZ=ON -DBUILD_TESTING=OFF
-	cmake --build $(FUZZ_BUILD) -j $(JOBS) --target $(FUZZ_TARGETS)
+fuzz: configure-sanitize
+	cmake --build $(ASAN_BUILD) -j $(JOBS) --target $(FUZZ_TARGETS)
 
 # Each target for FUZZ_TIME seconds from its committed seeds, copied to a scratch corpus
 # so that the repository is not touched.
@@ -127,38 +142,16 @@ fuzz-smoke: fuzz
 	  rm -rf $(FUZZ_SCRATCH)/$$t && mkdir -p $(FUZZ_SCRATCH)/$$t $(FUZZ_SCRATCH)/$$t-crashes; \
 	  cp fuzz/corpus/$$t/* $(FUZZ_SCRATCH)/$$t/; \
 	  echo "fuzz_$$t: $(FUZZ_TIME) s"; \
-	  $(FUZZ_BUILD)/fuzz/fuzz_$$t -max_total_time=$(FUZZ_TIME) -timeout=10 -dict=fuzz/protocol.dict \
+	  $(ASAN_BUILD)/fuzz/fuzz_$$t -max_total_time=$(FUZZ_TIME) -timeout=10 -dict=fuzz/protocol.dict \
 	    -artifact_prefix=$(FUZZ_SCRATCH)/$$t-crashes/ -print_final_stats=1 $(FUZZ_SCRATCH)/$$t; \
 	done; \
 	echo "fuzz-smoke: $(words $(FUZZ_TARGETS)) passed, 0 failed"
 
-# A second compiler: the whole project and its suite built by clang, as on macOS.
-CLANG_BUILD    ?= build-clang
-LIBCXX_BUILD   ?= build-libcxx
-CLANG_PACKAGES := clang libc++-14-dev libc++abi-14-dev
+LIBCXX_BUILD ?= build-libcxx
 
-clang-deps:
-	@$(MAKE) --no-print-directory deps EXTRA_PACKAGES="$(CLANG_PACKAGES)"
-
-test-clang: clang-deps
-	cmake -S . -B $(CLANG_BUILD) -DCMAKE_CXX_COMPILER=clang++
-	cmake --build $(CLANG_BUILD) -j $(JOBS)
-	cd $(CLANG_BUILD) && ctest --output-on-failure -j $(JOBS)
-
-# The tool's sources against libc++, the standard library of macOS. Compiled only:
+# The tool's sources against libc++, the standard library of macOS, hardened. Compiled only:
 # Debian's jsoncpp is built for libstdc++, so nothing here links against it.
 check-libcxx: clang-deps
 	cmake -S . -B $(LIBCXX_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS=-stdlib=libc++ \
 	  -DBUILD_TESTING=OFF
-	cmake --build $(LIBCXX_BUILD) -j $(JOBS) --target devupdate_core
-	$(MAKE) -C $(LIBCXX_BUILD)/cli src/Main.cpp.o
-
-# jsoncpp found through pkg-config, as on Homebrew, which installs no CMake package for it.
-PKGCONFIG_BUILD ?= build-pkgconfig
-
-test-pkgconfig: deps
-	cmake -S . -B $(PKGCONFIG_BUILD) -DCMAKE_DISABLE_FIND_PACKAGE_jsoncpp=ON
-	@grep -q '^pkgcfg_lib_JSONCPP_jsoncpp:FILEPATH=/' $(PKGCONFIG_BUILD)/CMakeCache.txt || \
-	  { echo "test-pkgconfig: jsoncpp was not found through pkg-config" >&2; exit 1; }
-	cmake --build $(PKGCONFIG_BUILD) -j $(JOBS) --target devupdate devsim devupdate_tests devsim_tests
-	cd $(PKGCONFIG_BUILD) && ctest --output-on-failure -j $(JOBS) -E '^(e2e|install|fuzz|cmake|ansible)\.'
+	cmake --build $(LIBCXX_BUILD) -j $(JOBS) --target devupdate_core devupdate_main

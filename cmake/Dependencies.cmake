@@ -1,6 +1,6 @@
 # Third-party libraries, found the way Debian and Homebrew install them. Every consumer
 # links the same targets whichever way they were found: JsonCpp::JsonCpp,
-# websocketpp::websocketpp and ASIO_INCLUDE_DIR.
+# websocketpp::websocketpp and ASIO_INCLUDE_DIR, gathered in devupdate_stack.
 
 # Homebrew on Apple silicon lives outside CMake's default search prefixes.
 if(APPLE)
@@ -36,3 +36,9 @@ endif()
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
 include(${CMAKE_CURRENT_LIST_DIR}/AsioVersion.cmake)
 devupdate_check_asio_version(${ASIO_INCLUDE_DIR})
+
+# The WebSocket and JSON stack as one target, for the tool, devsim and the benchmarks.
+add_library(devupdate_stack INTERFACE)
+target_include_directories(devupdate_stack SYSTEM INTERFACE ${ASIO_INCLUDE_DIR})
+target_compile_definitions(devupdate_stack INTERFACE ASIO_STANDALONE)
+target_link_libraries(devupdate_stack INTERFACE JsonCpp::JsonCpp websocketpp::websocketpp Threads::Threads)

@@ -8,13 +8,18 @@
 # interceptors, and those builds are for finding faults, not for shipping.
 option(DEVUPDATE_HARDEN "Build with Debian's hardening flags (dpkg-buildflags where found)"
   ON)
+# Why the build lacks Debian's flags, if it does: the packaging step refuses such a build.
+set(DEVUPDATE_UNHARDENED "")
 if(NOT DEVUPDATE_HARDEN OR DEVUPDATE_SANITIZE)
+  set(DEVUPDATE_UNHARDENED "it was configured with DEVUPDATE_HARDEN=OFF or DEVUPDATE_SANITIZE=ON")
   return()
 endif()
 
 include(CheckCXXCompilerFlag)
 
-find_program(DPKG_BUILDFLAGS dpkg-buildflags)
+# On PATH only. While it is not found, every configure looks again, so a folder configured
+# before dpkg-dev was installed gets the flags at its next configure (`make package` runs one).
+find_program(DPKG_BUILDFLAGS dpkg-buildflags NO_CMAKE_SYSTEM_PATH)
 mark_as_advanced(DPKG_BUILDFLAGS)
 set(hardening_compile "")
 set(hardening_link "")
@@ -57,6 +62,19 @@ if(have_file_prefix_map)
     -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
 endif()
 
-message(STATUS "Hardening: ${hardening_compile} ${hardening_link}")
+if(NOT DPKG_BUILDFLAGS)
+  set(DEVUPDATE_UNHARDENED "dpkg-buildflags (dpkg-dev) was not on PATH when it was configured")
+endif()
+# A few flags a line, so that the list reads in a terminal.
+set(line "Hardening:")
+foreach(flag IN LISTS hardening_compile hardening_link)
+  string(LENGTH "${line} ${flag}" length)
+  if(length GREATER 100)
+    message(STATUS "${line}")
+    set(line "          ")
+  endif()
+  string(APPEND line " ${flag}")
+endforeach()
+message(STATUS "${line}")
 add_compile_options(${hardening_compile})
 add_link_options(${hardening_link})

@@ -6,7 +6,9 @@
 # Starts devsim with its built-in fleet on port $DEMO_PORT (default 7071, so a
 # real service on 7070 is left alone), lists the devices, updates every
 # normal-mode device, recovers the safe-mode and failsafe-mode ones, and lists
-# them again. devsim is stopped however the script ends.
+# them again. devsim is stopped however the script ends. Every command is printed
+# as it can be typed again in the source tree, devsim's first; the firmware image
+# stays in BUILD_DIR/demo for that.
 set -uo pipefail
 
 build=${1:-build}
@@ -38,13 +40,15 @@ trap 'exit 143' TERM
 
 # A firmware image: the header line says what it installs; the rest is payload.
 # It names no manufacturer or model, so every normal-mode device accepts it.
-printf 'DEVFW1 version=5.0.0\n' > "$work/fw.bin"
-head -c 4096 /dev/zero >> "$work/fw.bin"
+fw=$build/demo/fw.bin
+mkdir -p "$build/demo"
+printf 'DEVFW1 version=5.0.0\n' > "$fw"
+head -c 4096 /dev/zero >> "$fw"
 
 # Slow enough to watch the progress bars, about a second and a half per job.
 # It writes its port file once it listens; until then it is starting or gone.
-"$devsim" --port="$port" --port-file="$work/port" --tick-ms=150 --progress-steps=10 \
-  > /dev/null 2> "$work/devsim.log" &
+sim_args=(--port="$port" --tick-ms=150 --progress-steps=10)
+"$devsim" "${sim_args[@]}" --port-file="$work/port" > /dev/null 2> "$work/devsim.log" &
 sim_pid=$!
 until [[ -s $work/port ]]; do
   if ! kill -0 "$sim_pid" 2>/dev/null; then
@@ -59,7 +63,9 @@ failures=0
 step() {
   local title=$1
   shift
-  printf '\n== %s\n$ devupdate %s\n' "$title" "$*"
+  printf '\n== %s\n$' "$title"
+  printf ' %q' "$devupdate" --port="$port" "$@"
+  printf '\n'
   # Waited for in the background so that a signal reaches the trap at once.
   "$devupdate" --port="$port" "$@" &
   tool_pid=$!
@@ -70,9 +76,12 @@ step() {
   [[ $status -eq 0 ]] || failures=$((failures + 1))
 }
 
-echo "devsim is serving its built-in fleet on 127.0.0.1:$port"
+echo "devsim is serving its built-in fleet on 127.0.0.1:$port, started as:"
+printf '$'
+printf ' %q' "$devsim" "${sim_args[@]}"
+printf ' &\n'
 step "1. The devices the service knows" --list
-step "2. Update every normal-mode device, then reboot each" --file="$work/fw.bin" --all --reboot
+step "2. Update every normal-mode device, then reboot each" --file="$fw" --all --reboot
 step "3. Recover the safe-mode and failsafe-mode devices" --recover-safe --recover-failsafe --all
 step "4. The devices again, now on their new versions" --list
 

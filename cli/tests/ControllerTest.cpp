@@ -48,14 +48,16 @@ struct Scenario {
     const char* args;
     Text events;
     Text output;
-    Text frames;     // "{cwd}" stands for the directory the tests run in
-    const char* end; // final state, and whether the controller disconnected
+    Text frames;               // "{cwd}" stands for the directory the tests run in
+    const char* end;           // final state, and whether the controller disconnected
+    const char* port = "7070"; // the port connected to
 };
 
 const Scenario kScenarios[] = {
+    // Two ports: the last wins, and its trailing letter ends the number.
     {"ListRun", "--list --reboot --device-mode=normal --device-mode=SAFE --port=1 --port=8081x",
      "open\n" + add(N("early")) + list(N("n1") + "," + Sf("s1") + "," + F("f1") + "," + None("x") + "," + kNameless),
-     "Found[Normal]:   n1,A,M,1\nFound[Safe]:     s1,?,?,?\n", boot("n1") + boot("s1"), "Done disconnected"},
+     "Found[Normal]:   n1,A,M,1\nFound[Safe]:     s1,?,?,?\n", boot("n1") + boot("s1"), "Done disconnected", "8081"},
     {"EmptyListRun", "--list", "open\n{\"msg\":\"devices\"}\n", "", "", "Done disconnected"},
     {"LongLivedList", "--list --long-lived",
      "open\n" + list(N("n1")) + list(N("n2")) + add(N("n2")) + add(F("f2")) + rem(N("n1")) + add(kNameless) +
@@ -117,6 +119,17 @@ const Scenario kScenarios[] = {
      recover("device", "s1") + recover("device", "s2"), "Waiting"},
 };
 
+// The configuration of a row's command line. One the parser refuses fails its row, which then
+// runs with the defaults, instead of ending the whole table.
+ToolConfig configOf(const Text& args) {
+    const auto parsed = parseArgs(args);
+    if (!parsed) {
+        ADD_FAILURE() << "the parser refused: " << args;
+        return {};
+    }
+    return *parsed;
+}
+
 // Plays the events through the scripted client. Gives the output and how the run ended; `wire`
 // gets the address connected to and every frame sent.
 Text play(const char* args, const Text& events, Text& wire) {
@@ -130,7 +143,7 @@ Text play(const char* args, const Text& events, Text& wire) {
         }
     }
     std::ostringstream out;
-    ToolStateMachine machine(*parseArgs(args), out, client);
+    ToolStateMachine machine(configOf(args), out, client);
     machine.run();
     wire = client->uri + "\n";
     for (const Text& frame : client->sent) {
@@ -140,12 +153,16 @@ Text play(const char* args, const Text& events, Text& wire) {
     return out.str() + "|" + states[machine.getState()] + (client->disconnected ? " disconnected" : "");
 }
 
+// A row in a failure report: its name, not its bytes.
+void PrintTo(const Scenario& s, std::ostream* out) {
+    *out << s.name;
+}
+
 class Controller : public ::testing::TestWithParam<Scenario> {};
 
 TEST_P(Controller, PrintsSendsAndEnds) {
     const Scenario& s = GetParam();
-    // ListRun gives two ports: the last wins, and its trailing letter ends the number.
-    Text frames = "ws://127.0.0.1:" + Text(s.name == Text("ListRun") ? "8081\n" : "7070\n") + s.frames, wire;
+    Text frames = "ws://127.0.0.1:" + Text(s.port) + "\n" + s.frames, wire;
     for (std::size_t at; (at = frames.find("{cwd}")) != Text::npos;) {
         frames.replace(at, 5, std::filesystem::current_path().string());
     }
@@ -211,10 +228,10 @@ TEST(DeviceFilter, AdmitsOrIgnores) {
     };
     std::ostringstream out;
     for (const auto& row : rows) {
-        ToolStateMachine machine(*parseArgs(Text("--list ") + row.args), out, nullptr);
+        ToolStateMachine machine(configOf(Text("--list ") + row.args), out, nullptr);
         EXPECT_EQ(machine.filterDevice(parseJson(row.device)), row.ignored) << row.args << " " << row.device;
     }
-    ToolStateMachine machine(*parseArgs("--list --device-ip=x"), out, nullptr);
+    ToolStateMachine machine(configOf("--list --device-ip=x"), out, nullptr);
     EXPECT_THROW(machine.filterDevice(parseJson(R"({"interfaces":["x"]})")), Json::LogicError);
 }
 
