@@ -75,8 +75,12 @@ TEST(Fleet, FilesAreCheckedWithReadableErrors) {
 // A device without a declared version after an upgrade: its last number goes up by one.
 TEST(Fleet, VersionsBumpTheirLastNumber) {
     const std::vector<std::pair<std::string, std::string>> table = {
-        {"2.0.3", "2.0.4"}, {"1.9-rc2", "1.9-rc3"}, {"4.0.9 (build 99)", "4.0.9 (build 100)"},
-        {"1.2345678901", "1.2345678901.1"}, {"beta", "beta.1"}, {"", "1.0.1"},
+        {"2.0.3", "2.0.4"},
+        {"1.9-rc2", "1.9-rc3"},
+        {"4.0.9 (build 99)", "4.0.9 (build 100)"},
+        {"1.2345678901", "1.2345678901.1"},
+        {"beta", "beta.1"},
+        {"", "1.0.1"},
     };
     for (const auto& [version, bumped] : table)
         EXPECT_EQ(devsim::bumpVersion(version), bumped) << version;
