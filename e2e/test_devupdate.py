@@ -85,7 +85,6 @@ class Journeys(Journey):
 
 class Entry(Journey):
     def test_usage_errors_and_exit_status(self):
-        """What the parser makes of a command line, on the paths that need no service."""
         with open(os.path.join(os.path.dirname(os.path.abspath(__file__)), "usage.txt")) as f:
             usage = f.read().replace("devupdate", DEVUPDATE, 1)  # the text when started as plain "devupdate"
         d = self.folder + "/"
@@ -117,9 +116,8 @@ class Entry(Journey):
                                       status), (expected, 1))
 
 
-# One row per way the service can fail the tool: devsim's faults (None: nothing listens), the
-# tool's arguments, its output, exit status and a text its standard error holds ("": empty; None:
-# not looked at).
+# One row per way the service can fail the tool: devsim's faults (None: nothing listens), the tool's
+# arguments, its output, exit status and a text its standard error holds ("": empty; None: not read).
 FAULTS = [
     ("nothing listening", None, ("--list",), "", 1, "Connection refused"),
     ("closed mid-job", ("--close-after=2",), UPDATE, STARTED, 1, ""),

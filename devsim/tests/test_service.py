@@ -10,8 +10,7 @@ from harness import DEVSIM, TIMEOUT, Devsim, Journey, WebSocket, slurp
 
 
 def exchange(port, requests, last):
-    """What devsim sends a client that sends `requests` once the device list is in: the list, and
-    with a `last`, what follows until `last` accepts all there is."""
+    """What devsim sends a client that sends `requests`: the list, and with a `last` what follows until it accepts all."""
     with WebSocket(port) as ws:
         got = [ws.message()]
         for request in requests:
