@@ -89,9 +89,6 @@ ROLES = [
     ("rebooted", {"devupdate_all": True, "devupdate_reboot": True}, {},
      ({COPY, JOB}, None, ["rebooted-panel", "rebooted-gw"],
       [("upgrade", "rebooted-panel"), ("reboot", "rebooted-panel"), ("upgrade", "rebooted-gw"), ("reboot", "rebooted-gw")])),
-    # devupdate's --all goes on after a failed job; the host fails once every device had its turn.
-    ("failing", {"devupdate_all": True}, FAILURE,
-     ({COPY, JOB}, FAILED_JOB, ["failing-panel", "failing-gw"], [("upgrade", "failing-panel"), ("upgrade", "failing-gw")])),
     ("listing", {"devupdate_action": "list"}, {}, (set(), None, [], [])),
     ("imageless", {"devupdate_image": ""}, {},
      (set(), ("Refuse an update without an image",
