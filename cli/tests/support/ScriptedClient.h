@@ -43,9 +43,9 @@ inline std::unique_ptr<ToolConfig> parseArgs(const std::string& line) {
 }
 
 // An in-memory IWebsocketClient: run() plays a script of connection states and
-// already-parsed messages until the script ends or the controller disconnects, and
-// every sent message is kept as compact JSON text. A later run() goes on where the
-// last one stopped, so a script can grow between runs.
+// already-parsed messages until the script ends or, once the controller has
+// disconnected, a message is next. Every sent message is kept as compact JSON text.
+// A later run() goes on where the last one stopped, so a script can grow between runs.
 class ScriptedClient : public IWebsocketClient {
 public:
     void addState(State reported) { script.emplace_back(reported, Json::Value()); }
@@ -65,9 +65,10 @@ public:
         sent.push_back(compactJson(message));
     }
 
-    // The controller registers both callbacks before it runs the client.
+    // The controller registers both callbacks before it runs the client. A real client may
+    // still report a lost connection after the disconnect, while it delivers.
     void run() override {
-        for (; next < script.size() && !disconnected; ++next) {
+        for (; next < script.size() && (!disconnected || script[next].first); ++next) {
             auto& [state, message] = script[next];
             if (state) {
                 stateCallback(current = *state);
