@@ -3,17 +3,14 @@
 import json
 import os
 import re
-import shutil
 import socket
 import subprocess
 import tarfile
-import tempfile
 import unittest
 
-from harness import Journey, slurp  # a scratch folder, and devsims that record what they receive
+from harness import DEVUPDATE, Journey, slurp  # a scratch folder, and devsims that record what they receive
 
 COLLECTION = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-DEVUPDATE = os.environ.get("DEVUPDATE", "devupdate")
 
 TIMEOUT = 120  # seconds; playbooks side by side on a busy machine
 HOSTS = ("h1", "h2", "h3")
@@ -44,28 +41,6 @@ def fleet(host, sim):
                   mode=mode.lower(), line=("Found[%s]:" % mode).ljust(17) + ",".join([d["name"], *fields]))
              for d, mode, *fields in devices]
     return [d for d, *_ in devices], facts
-
-
-def setUpModule():
-    """The collection as an operator gets it: built into a tarball, unpacked where ansible looks for it."""
-    global SCRATCH, ENV
-    SCRATCH = os.path.realpath(tempfile.mkdtemp(prefix="devupdate-ansible-"))
-    # Everything ansible keeps between runs stays in the scratch folder.
-    ENV = dict(os.environ, HOME=SCRATCH, ANSIBLE_HOME=os.path.join(SCRATCH, "ansible"),
-               ANSIBLE_LOCAL_TEMP=os.path.join(SCRATCH, "local"), ANSIBLE_REMOTE_TEMP=os.path.join(SCRATCH, "remote"),
-               ANSIBLE_COLLECTIONS_PATH=os.path.join(SCRATCH, "collections"), ANSIBLE_CONFIG=os.path.join(SCRATCH, "ansible.cfg"),
-               ANSIBLE_STDOUT_CALLBACK="batches", ANSIBLE_CALLBACK_PLUGINS=os.path.join(COLLECTION, "tests", "callbacks"),
-               ANSIBLE_NOCOLOR="1", ANSIBLE_RETRY_FILES_ENABLED="0", ANSIBLE_PIPELINING="1")
-    open(ENV["ANSIBLE_CONFIG"], "w").close()
-    subprocess.run(["ansible-galaxy", "collection", "build", COLLECTION, "--output-path", SCRATCH], env=ENV,
-                   cwd=SCRATCH, check=True, stdout=subprocess.DEVNULL, timeout=TIMEOUT)
-    # What "ansible-galaxy collection install" does with a local tarball, without a second ansible start.
-    with tarfile.open(os.path.join(SCRATCH, "devupdate-fleet-1.0.0.tar.gz")) as tarball:
-        tarball.extractall(os.path.join(ENV["ANSIBLE_COLLECTIONS_PATH"], "ansible_collections", "devupdate", "fleet"))
-
-
-def tearDownModule():
-    shutil.rmtree(SCRATCH, True)
 
 
 # One ansible-playbook run per table, all of them side by side, each with its own devsims.
@@ -108,6 +83,19 @@ def outcome(tasks):
 
 
 class Rollout(Journey):
+    def setUp(self):
+        """The collection as an operator gets it: built into a tarball, unpacked where ansible looks for it."""
+        super().setUp()
+        # All that ansible keeps between runs stays in the scratch folder (the remote temp is found by user, not HOME).
+        self.env = dict(os.environ, HOME=self.folder, ANSIBLE_REMOTE_TEMP=self.folder + "/tmp", ANSIBLE_PIPELINING="1",
+                        ANSIBLE_CONFIG=self.write("ansible.cfg", ""), ANSIBLE_STDOUT_CALLBACK="batches",
+                        ANSIBLE_CALLBACK_PLUGINS=os.path.join(COLLECTION, "tests", "callbacks"))
+        subprocess.run(["ansible-galaxy", "collection", "build", COLLECTION, "--output-path", self.folder],
+                       env=self.env, cwd=self.folder, check=True, stdout=subprocess.DEVNULL, timeout=TIMEOUT)
+        # What "ansible-galaxy collection install" does with a local tarball, without a second ansible start.
+        with tarfile.open(os.path.join(self.folder, "devupdate-fleet-1.0.0.tar.gz")) as tarball:
+            tarball.extractall(os.path.join(self.folder, ".ansible/collections/ansible_collections/devupdate/fleet"))
+
     def start(self, table, hosts, playbook, args):
         """devsims for `hosts` (name: panel's script, or DEAD) and a playbook against them, left running."""
         folder = os.path.join(self.folder, table)
@@ -132,7 +120,7 @@ class Rollout(Journey):
                                                      "roles": ["devupdate.fleet.devupdate"]}]))
         with open(os.path.join(folder, "out"), "w") as out, open(os.path.join(folder, "err"), "w") as err:
             play = subprocess.Popen(["ansible-playbook", "-i", "hosts.yml", playbook, *args],
-                                    cwd=folder, env=ENV, stdout=out, stderr=err)
+                                    cwd=folder, env=self.env, stdout=out, stderr=err)
         self.addCleanup(play.kill)
         return play, folder, sims, fleets, ports
 
