@@ -21,7 +21,7 @@ FAILED_JOB = ("Stop on a failed job", "update failed on this host (devupdate exi
               "Updating {host}-panel : [" + "=" * 20 + ">" + " " * 29 + "] 40% - Flash write error")
 
 
-def fleet(host, sim):
+def fleet(host, sim=None):
     """Per device: what devsim serves and the fact the role should record; `sim` scripts the panel's jobs."""
     acme, x100 = {"id": "acme", "name": "Acme"}, {"id": "x100", "name": "X100 Controller"}
     devices = [  # the device, its label's mode, its maker, model and version as printed ("?": not given)
@@ -97,49 +97,43 @@ class Rollout(Journey):
             tarball.extractall(os.path.join(self.folder, ".ansible/collections/ansible_collections/devupdate/fleet"))
 
     def start(self, table, hosts, playbook, args):
-        """devsims for `hosts` (name: panel's script, or DEAD) and a playbook against them, left running."""
+        """devsims for `hosts` (name: variables, panel's script or DEAD) and a playbook against them, left running."""
         folder = os.path.join(self.folder, table)
         os.mkdir(folder)
-        fleets = {h: fleet(h, script) for h, (_, script) in hosts.items() if script != DEAD}
-        sims = {h: self.sim("--fleet=" + self.write("%s/%s.json" % (table, h), json.dumps(fleets[h][0])))
-                for h in fleets}
+        sims = {h: self.sim("--fleet=" + self.write(f"{table}/{h}.json", json.dumps(fleet(h, script)[0])))
+                for h, (_, script) in hosts.items() if script != DEAD}
         dead = socket.socket()
         dead.bind(("127.0.0.1", 0))
         self.addCleanup(dead.close)
         ports = {h: sims[h].port if h in sims else dead.getsockname()[1] for h in hosts}
-        image = self.write(table + "/fw.bin", "DEVFW1 version=2.1.0\n")
+        hostvars = {h: dict(hostvars, devupdate_port=ports[h]) for h, (hostvars, _) in hosts.items()}
         # The tool is there, so the package named here must never be looked at.
-        inventory = {"all": {"hosts": {h: dict(hostvars, devupdate_port=ports[h]) for h, (hostvars, _) in hosts.items()},
-                             "vars": {"ansible_connection": "local",
-                                      "ansible_python_interpreter": "{{ ansible_playbook_python }}",
-                                      "devupdate_command": DEVUPDATE, "devupdate_deb": "/nonexistent/devupdate.deb",
-                                      "devupdate_action": "update", "devupdate_image": image,
-                                      "devupdate_image_dir": folder + "/{{ inventory_hostname }}"}}}
-        self.write(table + "/hosts.yml", json.dumps(inventory))
-        self.write(table + "/role.yml", json.dumps([{"hosts": "all", "gather_facts": False,
-                                                     "roles": ["devupdate.fleet.devupdate"]}]))
-        with open(os.path.join(folder, "out"), "w") as out, open(os.path.join(folder, "err"), "w") as err:
-            play = subprocess.Popen(["ansible-playbook", "-i", "hosts.yml", playbook, *args],
-                                    cwd=folder, env=self.env, stdout=out, stderr=err)
+        self.write(table + "/hosts.yml", json.dumps({"all": {"hosts": hostvars, "vars": {
+            "ansible_connection": "local", "ansible_python_interpreter": "{{ ansible_playbook_python }}",
+            "devupdate_command": DEVUPDATE, "devupdate_deb": "/nonexistent/devupdate.deb", "devupdate_action": "update",
+            "devupdate_image": self.folder + "/fw.bin", "devupdate_image_dir": folder + "/{{ inventory_hostname }}"}}}))
+        self.write(table + "/role.yml", "- {hosts: all, gather_facts: false, roles: [devupdate.fleet.devupdate]}\n")
+        play = subprocess.Popen(["ansible-playbook", "-i", "hosts.yml", playbook, *args], cwd=folder, env=self.env,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.addCleanup(play.kill)
-        return play, folder, sims, fleets, ports
+        return play, folder, sims, ports
 
     def results(self, started, status):
         """The batches of a finished run, once its exit status is checked."""
-        with open(os.path.join(started[1], "out")) as out, open(os.path.join(started[1], "err")) as err:
-            self.assertEqual(started[0].wait(TIMEOUT), status, err.read())
-            return json.load(out)
+        out, err = started[0].communicate(timeout=TIMEOUT)
+        self.assertEqual(started[0].returncode, status, err)
+        return json.loads(out)
 
     def check_host(self, started, host, tasks, expected):
         """One host's outcome, facts, requests and copied image against a row's expectation."""
-        _, folder, sims, fleets, ports = started
+        _, folder, sims, ports = started
         changed, failed, targets, wanted = expected
         failed = failed and (failed[0], failed[1].format(host=host, port=ports[host]))
         self.assertEqual(outcome(tasks), (changed, failed))
         listed = tasks.get("Record the devices and those the job would serve", {}).get("ansible_facts", {})
         self.assertEqual(listed.get("devupdate_targets"), targets)
         if targets is not None:
-            self.assertEqual(listed["devupdate_devices"], fleets[host][1])
+            self.assertEqual(listed["devupdate_devices"], fleet(host)[1])
         self.assertEqual(os.path.exists(os.path.join(folder, host, "fw.bin")), COPY in changed)
         if host in sims:
             frames = sims[host].frames((targets is not None) + bool(wanted))
@@ -147,8 +141,8 @@ class Rollout(Journey):
             self.assertEqual(" connected from " in slurp(sims[host].log_path), wanted is not None)
 
     def test_role_and_rollouts(self):
-        started = [self.start(str(n), {h: ({}, FAILURE if h == "h1" else {}) for h in HOSTS},
-                              "devupdate.fleet.rollout", ["-e", "image=fw.bin", *args]) for n, (_, args, *_) in enumerate(ROLLOUTS)]
+        started = [self.start(str(n), {h: ({}, FAILURE if h == "h1" else {}) for h in HOSTS}, "devupdate.fleet.rollout",
+                              ["-e", "image=../fw.bin", *args]) for n, (_, args, *_) in enumerate(ROLLOUTS)]
         roles = self.start("role", {h: (hostvars, script) for h, hostvars, script, _ in ROLES}, "role.yml", [])
         for (name, _, status, batches, hosts), run in zip(ROLLOUTS, started):
             with self.subTest(name):
