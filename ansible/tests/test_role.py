@@ -76,12 +76,6 @@ ROLES = [
 ]
 
 
-def outcome(tasks):
-    """A host's results as the tables give them: the tasks that changed something, the failed one and its msg."""
-    failed = [(name, re.sub(r"\[[-0-9: ]+\] ", "", result["msg"])) for name, result in tasks.items() if result.get("failed")]
-    return {name for name, result in tasks.items() if result.get("changed")}, (failed or [None])[-1]
-
-
 class Rollout(Journey):
     def setUp(self):
         """The collection as an operator gets it: built into a tarball, unpacked where ansible looks for it."""
@@ -124,16 +118,15 @@ class Rollout(Journey):
         self.assertEqual(started[0].returncode, status, err)
         return json.loads(out)
 
-    def check_host(self, started, host, tasks, expected):
-        """One host's outcome, facts, requests and copied image against a row's expectation."""
+    def check_host(self, started, host, tasks, changed, failed, targets, wanted):
+        """One host's changed and failed tasks, facts, requests and copied image against a row's expectation."""
         _, folder, sims, ports = started
-        changed, failed, targets, wanted = expected
-        failed = failed and (failed[0], failed[1].format(host=host, port=ports[host]))
-        self.assertEqual(outcome(tasks), (changed, failed))
-        listed = tasks.get("Record the devices and those the job would serve", {}).get("ansible_facts", {})
-        self.assertEqual(listed.get("devupdate_targets"), targets)
-        if targets is not None:
-            self.assertEqual(listed["devupdate_devices"], fleet(host)[1])
+        self.assertEqual({name for name, result in tasks.items() if result.get("changed")}, changed)
+        failed = [(failed[0], failed[1].format(host=host, port=ports[host]))] if failed else []
+        self.assertEqual([(name, re.sub(r"\[[-0-9: ]+\] ", "", result["msg"])) for name, result in tasks.items()
+                          if result.get("failed")], failed)
+        facts = None if targets is None else {"devupdate_devices": fleet(host)[1], "devupdate_targets": targets}
+        self.assertEqual(tasks.get("Record the devices and those the job would serve", {}).get("ansible_facts"), facts)
         self.assertEqual(os.path.exists(os.path.join(folder, host, "fw.bin")), COPY in changed)
         if host in sims:
             frames = sims[host].frames((targets is not None) + bool(wanted))
@@ -150,11 +143,11 @@ class Rollout(Journey):
                 self.assertEqual([sorted(batch) for batch in results], batches)
                 for h in HOSTS:
                     tasks = next((batch[h] for batch in results if h in batch), {})
-                    self.check_host(run, h, tasks, hosts.get(h, (set(), None, None, None)))
+                    self.check_host(run, h, tasks, *hosts.get(h, (set(), None, None, None)))
         (results,) = self.results(roles, 2)
         for host, _, _, expected in ROLES:
             with self.subTest(host):
-                self.check_host(roles, host, results[host], expected)
+                self.check_host(roles, host, results[host], *expected)
 
 
 if __name__ == "__main__":
