@@ -43,11 +43,9 @@ def fleet(host, sim=None):
     return [d for d, *_ in devices], facts
 
 
-# One ansible-playbook run per table, all of them side by side, each with its own devsims.
-#
-# The example rollout playbook over h1, h2, h3 in that order, h1's panel failing its job.
-# Per row: extra arguments, exit status, the batches that ran, and per host that took part
-# what the role table below gives (a host of no batch gets nothing).
+# One ansible-playbook run per table, all side by side, each with its own devsims.
+# The example rollout playbook over h1, h2, h3 in that order, h1's panel failing its job. Per row: extra arguments,
+# exit status, the batches that ran, and per host that took part what ROLES gives (a host of no batch gets nothing).
 ROLLOUTS = [
     ("check mode, one host per batch, sends nothing", ["-e", "batch=1", "--check"], 0, [["h1"], ["h2"], ["h3"]],
      {h: ({REPORT}, None, [h + "-panel"], []) for h in HOSTS}),
@@ -56,10 +54,9 @@ ROLLOUTS = [
       "h2": ({COPY, JOB}, None, ["h2-panel"], [("upgrade", "h2-panel")])}),
 ]
 
-# The role alone in one play, one host per row, each with its own variables (an update of
-# the image fw.bin unless they say otherwise) and its own devsim (DEAD: none listens). Per
-# row: the tasks that changed something, the failed task with its msg, devupdate_targets
-# (None: no listing ran), and the requests its devsim received (None: nothing connected).
+# The role alone in one play, one host per row with its own variables (an update of fw.bin unless they say
+# otherwise) and devsim (DEAD: none listens). Per row: the tasks that changed something, the failed task and its
+# msg, devupdate_targets (None: no listing ran), the requests its devsim received (None: nothing connected).
 ROLES = [
     ("rebooted", {"devupdate_all": True, "devupdate_reboot": True}, {},
      ({COPY, JOB}, None, ["rebooted-panel", "rebooted-gw"],
