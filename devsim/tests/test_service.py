@@ -6,7 +6,7 @@ import signal
 import subprocess
 import unittest
 
-from harness import DEVSIM, TIMEOUT, Devsim, Journey, WebSocket, slurp
+from harness import DEVSIM, TIMEOUT, Journey, WebSocket, slurp
 
 
 def exchange(port, requests, count=0):
@@ -125,26 +125,23 @@ class Service(Journey):
             {"msg": "device_added", "device": {"name": "eve"}}])
 
     def test_devsim_closes_a_connection_when_asked_to_and_when_stopped(self):
-        for args, stop, reason in ((("--close-after=1",), None, b"closing as asked"), ((), signal.SIGINT, b"service stopping")):
-            with self.subTest(args=args, stop=stop):
-                sim = Devsim(self.folder, args)
-                self.addCleanup(sim.stop)
-                with WebSocket(sim.port) as ws:
-                    self.assertEqual(ws.message()["msg"], "devices")
-                    if stop:
-                        sim.proc.send_signal(stop)
-                    self.assertEqual(ws.frame(), (8, (1001).to_bytes(2, "big") + reason))
-                self.assertEqual(sim.proc.wait(TIMEOUT) if stop else sim.stop(), 0)
+        stopped = self.sim()  # the one asked to close is stopped, and checked, as every sim is when the test ends
+        for sim, reason in ((self.sim("--close-after=1"), b"closing as asked"), (stopped, b"service stopping")):
+            with self.subTest(reason), WebSocket(sim.port) as ws:
+                self.assertEqual(ws.message()["msg"], "devices")
+                if sim is stopped:
+                    sim.proc.send_signal(signal.SIGINT)
+                self.assertEqual(ws.frame(), (8, (1001).to_bytes(2, "big") + reason))
+        self.assertEqual(stopped.proc.wait(TIMEOUT), 0)
 
 
 class CommandLine(Journey):
     def test_it_says_where_it_listens_in_one_line(self):
         port_file = self.folder + "/port"
-        sim = subprocess.Popen([DEVSIM, "--port=0", "--port-file=" + port_file], stdout=subprocess.PIPE)
-        self.addCleanup(sim.wait, TIMEOUT)
-        self.addCleanup(sim.stdout.close)
+        sim = subprocess.Popen([DEVSIM, "--port=0", "--port-file=" + port_file], stdout=subprocess.PIPE, text=True)
+        self.addCleanup(sim.communicate, timeout=TIMEOUT)
         self.addCleanup(sim.terminate)
-        line = sim.stdout.readline().decode()  # flushed at once: the port file is there by now
+        line = sim.stdout.readline()  # flushed at once: the port file is there by now
         self.assertEqual(line, "devsim listening on 127.0.0.1:%d\n" % int(slurp(port_file)))
 
     def test_bad_command_lines_end_it_with_a_reason(self):
@@ -166,9 +163,8 @@ class CommandLine(Journey):
         ]
         for args, status, last in table:
             with self.subTest(args):
-                done = subprocess.run([DEVSIM, "--port=0", *args], capture_output=True, timeout=TIMEOUT)
-                self.assertEqual((done.returncode, (done.stdout + done.stderr).decode().splitlines()[-1]),
-                                 (status, last))
+                done = subprocess.run([DEVSIM, "--port=0", *args], capture_output=True, text=True, timeout=TIMEOUT)
+                self.assertEqual((done.returncode, (done.stdout + done.stderr).splitlines()[-1]), (status, last))
 
 
 if __name__ == "__main__":
