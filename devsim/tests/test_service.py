@@ -89,8 +89,7 @@ class Service(Journey):
         for args, requests, expected, logged in table:
             with self.subTest(args=args, request=requests[0]):
                 sim = self.sim(self.fleet, *args)
-                got = exchange(sim.port, requests, len(expected))
-                self.assertEqual([brief(m) for m in got[1:]], expected)
+                self.assertEqual([brief(m) for m in exchange(sim.port, requests, len(expected))[1:]], expected)
                 sim.wait_for(lambda: all(line in slurp(sim.log_path) for line in logged), "logging %s" % logged)
 
     def test_a_finished_job_leaves_the_device_at_its_new_version(self):
