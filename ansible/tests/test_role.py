@@ -3,17 +3,14 @@
 import json
 import os
 import re
-import shutil
 import socket
 import subprocess
 import tarfile
-import tempfile
 import unittest
 
-from harness import Journey, slurp  # a scratch folder, and devsims that record what they receive
+from harness import DEVUPDATE, Journey, slurp  # a scratch folder, and devsims that record what they receive
 
 COLLECTION = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-DEVUPDATE = os.environ.get("DEVUPDATE", "devupdate")
 
 TIMEOUT = 120  # seconds; playbooks side by side on a busy machine
 HOSTS = ("h1", "h2", "h3")
@@ -24,7 +21,7 @@ FAILED_JOB = ("Stop on a failed job", "update failed on this host (devupdate exi
               "Updating {host}-panel : [" + "=" * 20 + ">" + " " * 29 + "] 40% - Flash write error")
 
 
-def fleet(host, sim):
+def fleet(host, sim=None):
     """Per device: what devsim serves and the fact the role should record; `sim` scripts the panel's jobs."""
     acme, x100 = {"id": "acme", "name": "Acme"}, {"id": "x100", "name": "X100 Controller"}
     devices = [  # the device, its label's mode, its maker, model and version as printed ("?": not given)
@@ -46,33 +43,9 @@ def fleet(host, sim):
     return [d for d, *_ in devices], facts
 
 
-def setUpModule():
-    """The collection as an operator gets it: built into a tarball, unpacked where ansible looks for it."""
-    global SCRATCH, ENV
-    SCRATCH = os.path.realpath(tempfile.mkdtemp(prefix="devupdate-ansible-"))
-    # Everything ansible keeps between runs stays in the scratch folder.
-    ENV = dict(os.environ, HOME=SCRATCH, ANSIBLE_HOME=os.path.join(SCRATCH, "ansible"),
-               ANSIBLE_LOCAL_TEMP=os.path.join(SCRATCH, "local"), ANSIBLE_REMOTE_TEMP=os.path.join(SCRATCH, "remote"),
-               ANSIBLE_COLLECTIONS_PATH=os.path.join(SCRATCH, "collections"), ANSIBLE_CONFIG=os.path.join(SCRATCH, "ansible.cfg"),
-               ANSIBLE_STDOUT_CALLBACK="batches", ANSIBLE_CALLBACK_PLUGINS=os.path.join(COLLECTION, "tests", "callbacks"),
-               ANSIBLE_NOCOLOR="1", ANSIBLE_RETRY_FILES_ENABLED="0", ANSIBLE_PIPELINING="1")
-    open(ENV["ANSIBLE_CONFIG"], "w").close()
-    subprocess.run(["ansible-galaxy", "collection", "build", COLLECTION, "--output-path", SCRATCH], env=ENV,
-                   cwd=SCRATCH, check=True, stdout=subprocess.DEVNULL, timeout=TIMEOUT)
-    # What "ansible-galaxy collection install" does with a local tarball, without a second ansible start.
-    with tarfile.open(os.path.join(SCRATCH, "devupdate-fleet-1.0.0.tar.gz")) as tarball:
-        tarball.extractall(os.path.join(ENV["ANSIBLE_COLLECTIONS_PATH"], "ansible_collections", "devupdate", "fleet"))
-
-
-def tearDownModule():
-    shutil.rmtree(SCRATCH, True)
-
-
-# One ansible-playbook run per table, all of them side by side, each with its own devsims.
-#
-# The example rollout playbook over h1, h2, h3 in that order, h1's panel failing its job.
-# Per row: extra arguments, exit status, the batches that ran, and per host that took part
-# what the role table below gives (a host of no batch gets nothing).
+# One ansible-playbook run per table, all side by side, each with its own devsims.
+# The example rollout playbook over h1, h2, h3 in that order, h1's panel failing its job. Per row: extra arguments,
+# exit status, the batches that ran, and per host that took part what ROLES gives (a host of no batch gets nothing).
 ROLLOUTS = [
     ("check mode, one host per batch, sends nothing", ["-e", "batch=1", "--check"], 0, [["h1"], ["h2"], ["h3"]],
      {h: ({REPORT}, None, [h + "-panel"], []) for h in HOSTS}),
@@ -81,10 +54,9 @@ ROLLOUTS = [
       "h2": ({COPY, JOB}, None, ["h2-panel"], [("upgrade", "h2-panel")])}),
 ]
 
-# The role alone in one play, one host per row, each with its own variables (an update of
-# the image fw.bin unless they say otherwise) and its own devsim (DEAD: none listens). Per
-# row: the tasks that changed something, the failed task with its msg, devupdate_targets
-# (None: no listing ran), and the requests its devsim received (None: nothing connected).
+# The role alone in one play, one host per row with its own variables (an update of fw.bin unless they say
+# otherwise) and devsim (DEAD: none listens). Per row: the tasks that changed something, the failed task and its
+# msg, devupdate_targets (None: no listing ran), the requests its devsim received (None: nothing connected).
 ROLES = [
     ("rebooted", {"devupdate_all": True, "devupdate_reboot": True}, {},
      ({COPY, JOB}, None, ["rebooted-panel", "rebooted-gw"],
@@ -101,57 +73,57 @@ ROLES = [
 ]
 
 
-def outcome(tasks):
-    """A host's results as the tables give them: the tasks that changed something, the failed one and its msg."""
-    failed = [(name, re.sub(r"\[[-0-9: ]+\] ", "", result["msg"])) for name, result in tasks.items() if result.get("failed")]
-    return {name for name, result in tasks.items() if result.get("changed")}, (failed or [None])[-1]
-
-
 class Rollout(Journey):
+    def setUp(self):
+        """The collection as an operator gets it: built into a tarball, unpacked where ansible looks for it."""
+        super().setUp()
+        # All that ansible keeps between runs stays in the scratch folder (the remote temp is found by user, not HOME).
+        self.env = dict(os.environ, HOME=self.folder, ANSIBLE_REMOTE_TEMP=self.folder + "/tmp", ANSIBLE_PIPELINING="1",
+                        ANSIBLE_CONFIG=self.write("ansible.cfg", ""), ANSIBLE_STDOUT_CALLBACK="batches",
+                        ANSIBLE_CALLBACK_PLUGINS=os.path.join(COLLECTION, "tests", "callbacks"))
+        subprocess.run(["ansible-galaxy", "collection", "build", COLLECTION, "--output-path", self.folder],
+                       env=self.env, cwd=self.folder, check=True, stdout=subprocess.DEVNULL, timeout=TIMEOUT)
+        # What "ansible-galaxy collection install" does with a local tarball, without a second ansible start.
+        with tarfile.open(os.path.join(self.folder, "devupdate-fleet-1.0.0.tar.gz")) as tarball:
+            tarball.extractall(os.path.join(self.folder, ".ansible/collections/ansible_collections/devupdate/fleet"))
+
     def start(self, table, hosts, playbook, args):
-        """devsims for `hosts` (name: panel's script, or DEAD) and a playbook against them, left running."""
+        """devsims for `hosts` (name: variables, panel's script or DEAD) and a playbook against them, left running."""
         folder = os.path.join(self.folder, table)
         os.mkdir(folder)
-        fleets = {h: fleet(h, script) for h, (_, script) in hosts.items() if script != DEAD}
-        sims = {h: self.sim("--fleet=" + self.write("%s/%s.json" % (table, h), json.dumps(fleets[h][0])))
-                for h in fleets}
+        sims = {h: self.sim("--fleet=" + self.write(f"{table}/{h}.json", json.dumps(fleet(h, script)[0])))
+                for h, (_, script) in hosts.items() if script != DEAD}
         dead = socket.socket()
         dead.bind(("127.0.0.1", 0))
         self.addCleanup(dead.close)
         ports = {h: sims[h].port if h in sims else dead.getsockname()[1] for h in hosts}
-        image = self.write(table + "/fw.bin", "DEVFW1 version=2.1.0\n")
+        hostvars = {h: dict(hostvars, devupdate_port=ports[h]) for h, (hostvars, _) in hosts.items()}
         # The tool is there, so the package named here must never be looked at.
-        inventory = {"all": {"hosts": {h: dict(hostvars, devupdate_port=ports[h]) for h, (hostvars, _) in hosts.items()},
-                             "vars": {"ansible_connection": "local",
-                                      "ansible_python_interpreter": "{{ ansible_playbook_python }}",
-                                      "devupdate_command": DEVUPDATE, "devupdate_deb": "/nonexistent/devupdate.deb",
-                                      "devupdate_action": "update", "devupdate_image": image,
-                                      "devupdate_image_dir": folder + "/{{ inventory_hostname }}"}}}
-        self.write(table + "/hosts.yml", json.dumps(inventory))
-        self.write(table + "/role.yml", json.dumps([{"hosts": "all", "gather_facts": False,
-                                                     "roles": ["devupdate.fleet.devupdate"]}]))
-        with open(os.path.join(folder, "out"), "w") as out, open(os.path.join(folder, "err"), "w") as err:
-            play = subprocess.Popen(["ansible-playbook", "-i", "hosts.yml", playbook, *args],
-                                    cwd=folder, env=ENV, stdout=out, stderr=err)
+        self.write(table + "/hosts.yml", json.dumps({"all": {"hosts": hostvars, "vars": {
+            "ansible_connection": "local", "ansible_python_interpreter": "{{ ansible_playbook_python }}",
+            "devupdate_command": DEVUPDATE, "devupdate_deb": "/nonexistent/devupdate.deb", "devupdate_action": "update",
+            "devupdate_image": self.folder + "/fw.bin", "devupdate_image_dir": folder + "/{{ inventory_hostname }}"}}}))
+        self.write(table + "/role.yml", "- {hosts: all, gather_facts: false, roles: [devupdate.fleet.devupdate]}\n")
+        play = subprocess.Popen(["ansible-playbook", "-i", "hosts.yml", playbook, *args], cwd=folder, env=self.env,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.addCleanup(play.kill)
-        return play, folder, sims, fleets, ports
+        return play, folder, sims, ports
 
     def results(self, started, status):
         """The batches of a finished run, once its exit status is checked."""
-        with open(os.path.join(started[1], "out")) as out, open(os.path.join(started[1], "err")) as err:
-            self.assertEqual(started[0].wait(TIMEOUT), status, err.read())
-            return json.load(out)
+        out, err = started[0].communicate(timeout=TIMEOUT)
+        self.assertEqual(started[0].returncode, status, err)
+        return json.loads(out)
 
-    def check_host(self, started, host, tasks, expected):
-        """One host's outcome, facts, requests and copied image against a row's expectation."""
-        _, folder, sims, fleets, ports = started
-        changed, failed, targets, wanted = expected
-        failed = failed and (failed[0], failed[1].format(host=host, port=ports[host]))
-        self.assertEqual(outcome(tasks), (changed, failed))
-        listed = tasks.get("Record the devices and those the job would serve", {}).get("ansible_facts", {})
-        self.assertEqual(listed.get("devupdate_targets"), targets)
-        if targets is not None:
-            self.assertEqual(listed["devupdate_devices"], fleets[host][1])
+    def check_host(self, started, host, tasks, changed, failed, targets, wanted):
+        """One host's changed and failed tasks, facts, requests and copied image against a row's expectation."""
+        _, folder, sims, ports = started
+        self.assertEqual({name for name, result in tasks.items() if result.get("changed")}, changed)
+        failed = [(failed[0], failed[1].format(host=host, port=ports[host]))] if failed else []
+        self.assertEqual([(name, re.sub(r"\[[-0-9: ]+\] ", "", result["msg"])) for name, result in tasks.items()
+                          if result.get("failed")], failed)
+        facts = None if targets is None else {"devupdate_devices": fleet(host)[1], "devupdate_targets": targets}
+        self.assertEqual(tasks.get("Record the devices and those the job would serve", {}).get("ansible_facts"), facts)
         self.assertEqual(os.path.exists(os.path.join(folder, host, "fw.bin")), COPY in changed)
         if host in sims:
             frames = sims[host].frames((targets is not None) + bool(wanted))
@@ -159,8 +131,8 @@ class Rollout(Journey):
             self.assertEqual(" connected from " in slurp(sims[host].log_path), wanted is not None)
 
     def test_role_and_rollouts(self):
-        started = [self.start(str(n), {h: ({}, FAILURE if h == "h1" else {}) for h in HOSTS},
-                              "devupdate.fleet.rollout", ["-e", "image=fw.bin", *args]) for n, (_, args, *_) in enumerate(ROLLOUTS)]
+        started = [self.start(str(n), {h: ({}, FAILURE if h == "h1" else {}) for h in HOSTS}, "devupdate.fleet.rollout",
+                              ["-e", "image=../fw.bin", *args]) for n, (_, args, *_) in enumerate(ROLLOUTS)]
         roles = self.start("role", {h: (hostvars, script) for h, hostvars, script, _ in ROLES}, "role.yml", [])
         for (name, _, status, batches, hosts), run in zip(ROLLOUTS, started):
             with self.subTest(name):
@@ -168,11 +140,11 @@ class Rollout(Journey):
                 self.assertEqual([sorted(batch) for batch in results], batches)
                 for h in HOSTS:
                     tasks = next((batch[h] for batch in results if h in batch), {})
-                    self.check_host(run, h, tasks, hosts.get(h, (set(), None, None, None)))
+                    self.check_host(run, h, tasks, *hosts.get(h, (set(), None, None, None)))
         (results,) = self.results(roles, 2)
         for host, _, _, expected in ROLES:
             with self.subTest(host):
-                self.check_host(roles, host, results[host], expected)
+                self.check_host(roles, host, results[host], *expected)
 
 
 if __name__ == "__main__":

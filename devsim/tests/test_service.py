@@ -1,23 +1,20 @@
-"""devsim through its binary: its command line, and its answers to requests that devupdate never
-sends, through a client written here."""
+"""devsim through its binary: its command line, and its answers to requests devupdate never sends, via a raw client."""
 
 import json
 import signal
 import subprocess
 import unittest
 
-from harness import DEVSIM, TIMEOUT, Devsim, Journey, WebSocket, slurp
+from harness import DEVSIM, TIMEOUT, Journey, WebSocket, slurp
 
 
-def exchange(port, requests, last):
-    """What devsim sends a client that sends `requests`: the list, and with a `last` what follows until it accepts all."""
+def exchange(port, requests, count=0):
+    """What devsim sends a client that sends `requests`: the devices list, then the next `count` messages."""
     with WebSocket(port) as ws:
         got = [ws.message()]
         for request in requests:
             ws.send(request)
-        while last is not None and not (len(got) > 1 and last(got)):
-            got.append(ws.message())
-        return got
+        return got + [ws.message() for _ in range(count)]
 
 
 def brief(message):
@@ -40,18 +37,17 @@ class Service(Journey):
                  {"name": "sm", "isSafeModeDevice": True, "safeModeVersion": 2, "sim": {"recoverVersion": "3.0.0"}},
                  {"name": "odd", "isSafeModeDevice": True, "sim": {"refuse": True, "resultCode": 8, "desc": "No"}}]
         self.fleet = "--fleet=" + self.write("fleet.json", json.dumps(fleet))
-        self.port = self.sim(self.fleet).port
         self.image, self.other = self.write("fw.bin", ""), self.write("other.bin", "DEVFW1 manufacturer=northwind\n")
 
     def upgrade(self, device, path=None, force="false"):
         return {"msg": "upgrade", "device": device, "filePath": self.image if path is None else path, "override": force}
 
     def test_jobs_go_as_their_device_and_the_options_say(self):
-        upgrade, other, ask = self.upgrade, self.other, lambda key, value: {"msg": "failsafe_recover", key: value}
+        upgrade, ask = self.upgrade, lambda key, value: {"msg": "failsafe_recover", key: value}
         recover, refused = ask("macaddr", "aa:bb:cc:00:00:02"), lambda text: ["upgrade_result " + text]
         restart = lambda name: ["device_removed " + name, "device_added " + name]
-        # devsim's options, requests, what devsim sends back after the list, and lines its log holds;
-        # first the bad requests, each refused with a code and a reason.
+        done = lambda name: restart(name) + ["upgrade_progress %s 100 Done" % name]  # a job ends after the restart
+        # devsim's options, requests, what devsim sends back after the list, and lines its log holds.
         table = [
             ((), [upgrade("")], refused(" 7 Request names no device"), []),
             ((), [upgrade("fs")], refused("fs 6 Device fs is in failsafe mode and cannot take an image"), []),
@@ -59,12 +55,10 @@ class Service(Journey):
             ((), [upgrade("n1", "")], refused("n1 7 Request names no firmware file"), []),
             ((), [upgrade("n1", "/nonexistent/fw.bin")], refused("n1 2 Cannot read firmware file /nonexistent/fw.bin"), []),
             ((), [upgrade("n1", self.folder)], refused("n1 2 Cannot read firmware file " + self.folder), []),
-            ((), [upgrade("n1", other)], refused("n1 3 Image is for northwind/any but n1 is acme/x100"), []),
+            ((), [upgrade("n1", self.other)], refused("n1 3 Image is for northwind/any but n1 is acme/x100"), []),
             ((), [upgrade("n1", self.write("nw.bin", "DEVFW1 for model=NW200\r\n"))],
              refused("n1 3 Image is for any/NW200 but n1 is acme/x100"), []),
             ((), [upgrade("shy")], refused("shy 9 No space left"), []),
-            ((), [upgrade("stuck"), upgrade("stuck")],
-             ["upgrade_progress stuck 0 Transferring", "upgrade_result stuck 5 Device stuck is busy with another job"], []),
             ((), [ask("device", "")], refused(" 7 Request names no device"), []),
             ((), [ask("macaddr", "aa:bb:cc:00:00:99")], refused("aa:bb:cc:00:00:99 4 Unknown device aa:bb:cc:00:00:99"), []),
             ((), [ask("device", "n1")], refused("n1 6 Device n1 is not in safe or failsafe mode"), []),
@@ -72,12 +66,10 @@ class Service(Journey):
             ((), [upgrade("flaky")], ["upgrade_progress flaky 50 Flashing",
                                       "upgrade_progress flaky 60 Fail 3 Flash write error"], []),
             ((), [upgrade("picky")], ["upgrade_result picky 9 Battery low"], []),
-            ((), [upgrade("n1", self.other, "true")], ["upgrade_progress n1 50 Flashing", *restart("n1"),
-                                                       "upgrade_progress n1 100 Done"],
+            ((), [upgrade("n1", self.other, "true")], ["upgrade_progress n1 50 Flashing", *done("n1")],
              ["Image is for northwind/any but n1 is acme/x100; flashing it anyway"]),
             (("--tick-ms=1", "--progress-steps=4"), [recover],
-             ["upgrade_progress fs %d Recovering" % p for p in (25, 50, 75)] + restart("fs") + ["upgrade_progress fs 100 Done"],
-             []),
+             ["upgrade_progress fs %d Recovering" % p for p in (25, 50, 75)] + done("fs"), []),
             (("--tick-ms=3600000",), [recover, dict(recover, macaddr="fs")],
              ["upgrade_result fs 5 Device fs is busy with another job"], []),
             # Requests it cannot act on are logged and ignored; it still answers the next one.
@@ -87,29 +79,28 @@ class Service(Journey):
               "ignoring a JSON value that is not an object", 'ignoring a message without a "msg" string',
               'ignoring unknown request "bogus"', '"override" is not a string, taken as "false"']),
             (("--mute-after=1",), [upgrade("n1")], [], ["muted after 1 messages", "muted, ignoring a frame of"]),
-            ((), [upgrade("stuck"), {"msg": "reboot", "device": "ghost"}, {"msg": "reboot", "device": "stuck"},
-                  {"msg": "reboot"}, {"msg": "reboot", "device": "n1"}],
-             ["upgrade_progress stuck 0 Transferring", *restart("n1")],
+            ((), [upgrade("stuck"), upgrade("stuck"), {"msg": "reboot", "device": "ghost"},
+                  {"msg": "reboot", "device": "stuck"}, {"msg": "reboot"}, {"msg": "reboot", "device": "n1"}],
+             ["upgrade_progress stuck 0 Transferring", "upgrade_result stuck 5 Device stuck is busy with another job",
+              *restart("n1")],
              ['reboot of unknown device "ghost" ignored', 'reboot of unknown device "" ignored',
               "reboot of stuck ignored, a job is running on it"]),
         ]
         for args, requests, expected, logged in table:
             with self.subTest(args=args, request=requests[0]):
                 sim = self.sim(self.fleet, *args)
-                got = exchange(sim.port, requests, (lambda got: len(got) > len(expected)) if expected else None)
-                self.assertEqual([brief(m) for m in got[1:]], expected)
+                self.assertEqual([brief(m) for m in exchange(sim.port, requests, len(expected))[1:]], expected)
                 sim.wait_for(lambda: all(line in slurp(sim.log_path) for line in logged), "logging %s" % logged)
 
     def test_a_finished_job_leaves_the_device_at_its_new_version(self):
-        exchange(self.port, [self.upgrade("n1"),
-                             self.upgrade("n2", self.write("v7.bin", "DEVFW1 manufacturer=ACME version=7.1\n")),
-                             self.upgrade("sm"), {"msg": "failsafe_recover", "macaddr": "aa:bb:cc:00:00:02"}],
-                 lambda got: [m.get("status") for m in got].count("Done") == 4)
-        # A plain image bumps the version, a versioned one sets it; a safe-mode device that takes an
-        # image and a recovered one are in normal mode at their recovery version. A client that
-        # connects later lists them so.
+        port = self.sim(self.fleet).port
+        exchange(port, [self.upgrade("n1"),
+                        self.upgrade("n2", self.write("v7.bin", "DEVFW1 manufacturer=ACME version=7.1\n")),
+                        self.upgrade("sm"), {"msg": "failsafe_recover", "macaddr": "aa:bb:cc:00:00:02"}], 16)
+        # Once each job sent its 4 messages, a plain image has bumped the version, a versioned one set it, and a
+        # safe-mode device that took an image and a recovered one are normal at their recovery version, as listed later.
         self.assertEqual([(d["name"], d.get("product", {}).get("version"), d.get("isSafeModeDevice"))
-                          for d in exchange(self.port, [], None)[0]["devices"]],
+                          for d in exchange(port, [])[0]["devices"]],
                          [("n1", "2.0.4", None), ("n2", "7.1", None), ("stuck", "2.0.3", None),
                           ("shy", "2.0.3", None), ("flaky", "2.0.3", None), ("picky", "2.0.3", None),
                           ("fs", "4.0.0", None), ("sm", "3.0.0", None), ("odd", None, True)])
@@ -119,8 +110,7 @@ class Service(Journey):
         fleet = [{"name": "beta", "sim": {"leaveAfterMs": 60}}, {"name": "carol", "sim": {"appearAfterMs": 20}},
                  {"name": "dave", "isSafeModeDevice": True, "sim": change},
                  {"name": "eve", "sim": dict(change, appearAfterMs=80, leaveAfterMs=0)}]  # not there to change or leave
-        got = exchange(self.sim("--fleet=" + self.write("timed.json", json.dumps(fleet))).port, [],
-                       lambda got: len(got) == 5)
+        got = exchange(self.sim("--fleet=" + self.write("timed.json", json.dumps(fleet))).port, [], 4)
         self.assertEqual([got[0]["devices"]] + got[1:], [
             [{"name": "beta"}, {"name": "dave", "isSafeModeDevice": True}],
             {"msg": "device_added", "device": {"name": "carol"}},
@@ -130,26 +120,23 @@ class Service(Journey):
             {"msg": "device_added", "device": {"name": "eve"}}])
 
     def test_devsim_closes_a_connection_when_asked_to_and_when_stopped(self):
-        for args, stop, reason in ((("--close-after=1",), None, b"closing as asked"), ((), signal.SIGINT, b"service stopping")):
-            with self.subTest(args=args, stop=stop):
-                sim = Devsim(self.folder, args)
-                self.addCleanup(sim.stop)
-                with WebSocket(sim.port) as ws:
-                    self.assertEqual(ws.message()["msg"], "devices")
-                    if stop:
-                        sim.proc.send_signal(stop)
-                    self.assertEqual(ws.frame(), (8, (1001).to_bytes(2, "big") + reason))
-                self.assertEqual(sim.proc.wait(TIMEOUT) if stop else sim.stop(), 0)
+        stopped = self.sim()  # the one asked to close is stopped, and checked, as every sim is when the test ends
+        for sim, reason in ((self.sim("--close-after=1"), b"closing as asked"), (stopped, b"service stopping")):
+            with self.subTest(reason), WebSocket(sim.port) as ws:
+                self.assertEqual(ws.message()["msg"], "devices")
+                if sim is stopped:
+                    sim.proc.send_signal(signal.SIGINT)
+                self.assertEqual(ws.frame(), (8, (1001).to_bytes(2, "big") + reason))
+        self.assertEqual(stopped.proc.wait(TIMEOUT), 0)
 
 
 class CommandLine(Journey):
     def test_it_says_where_it_listens_in_one_line(self):
         port_file = self.folder + "/port"
-        sim = subprocess.Popen([DEVSIM, "--port=0", "--port-file=" + port_file], stdout=subprocess.PIPE)
-        self.addCleanup(sim.wait, TIMEOUT)
-        self.addCleanup(sim.stdout.close)
+        sim = subprocess.Popen([DEVSIM, "--port=0", "--port-file=" + port_file], stdout=subprocess.PIPE, text=True)
+        self.addCleanup(sim.communicate, timeout=TIMEOUT)
         self.addCleanup(sim.terminate)
-        line = sim.stdout.readline().decode()  # flushed at once: the port file is there by now
+        line = sim.stdout.readline()  # flushed at once: the port file is there by now
         self.assertEqual(line, "devsim listening on 127.0.0.1:%d\n" % int(slurp(port_file)))
 
     def test_bad_command_lines_end_it_with_a_reason(self):
@@ -171,9 +158,8 @@ class CommandLine(Journey):
         ]
         for args, status, last in table:
             with self.subTest(args):
-                done = subprocess.run([DEVSIM, "--port=0", *args], capture_output=True, timeout=TIMEOUT)
-                self.assertEqual((done.returncode, (done.stdout + done.stderr).decode().splitlines()[-1]),
-                                 (status, last))
+                done = subprocess.run([DEVSIM, "--port=0", *args], capture_output=True, text=True, timeout=TIMEOUT)
+                self.assertEqual((done.returncode, (done.stdout + done.stderr).splitlines()[-1]), (status, last))
 
 
 if __name__ == "__main__":
