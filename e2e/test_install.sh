@@ -29,13 +29,11 @@ options() {
         grep -oE -- ' --?[a-z][-a-z]*=?' | tr -d ' ' | grep -vx -- --update-all | LC_ALL=C sort -u
 }
 
-# devsim on an ephemeral port, named in the port file it writes once it listens.
-serve() {  # VAR OPTIONS...: starts devsim and sets VAR to its port
-    local file=$tmp/devsim$((++served)).port pid
-    "$bin/devsim" --port=0 --port-file="$file" "${@:2}" >/dev/null 2>"$file.log" &
-    pid=$!
-    until [[ -s $file ]]; do kill -0 $pid 2>/dev/null || fail "devsim ${*:2} did not start: $(<"$file.log")"; sleep 0.05; done
-    printf -v "$1" %s "$(<"$file")"
+serve() {  # VAR OPTIONS...: starts devsim on a free port, sets VAR to the port it prints once listening
+    local fifo=$tmp/devsim$((++served))
+    mkfifo "$fifo"
+    "$bin/devsim" --port=0 "${@:2}" >"$fifo" 2>"$fifo.log" &
+    IFS=: read -r _ "$1" <"$fifo" || fail "devsim ${*:2} did not start: $(<"$fifo.log")"
 }
 # devsims for the completions, in a folder of its own with a firmware file and a folder to
 # complete: the lobby (its built-in fleet, recording what it is sent), odd (names the shell
