@@ -3,10 +3,10 @@
 # install of the build tree, and the packages.
 # Usage: test_install.sh BUILD STAGE stage|files|man|completion|zsh|fish|package|reproducible
 set -euo pipefail
-here=$(cd "$(dirname "$0")" && pwd) space=' '
+src=$(cd "$(dirname "$0")/.." && pwd) space=' '
 mkdir -p "$2"  # absolute paths without GNU realpath -m
 build=$(cd "$1" && pwd -P) stage=$(cd "$2" && pwd -P) tmp=$(mktemp -d)
-bin=$stage/usr/bin served=0
+bin=$stage/usr/bin served=0 PATH=$bin:$PATH  # the installed tools first
 trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$tmp"' EXIT
 fail() { printf 'FAIL: %s\n' "$*" >&2; exit 1; }
 # The completions go where the shells look: Debian's folders, or on macOS those that
@@ -51,7 +51,7 @@ services() {  # SHELL
     # silent service), never otherwise: no row depends on how fast the tool lists.
     printf '#!/bin/sh\n[ -e "${0%%/*}/expired" ] && exit 0\nexec %s 86400\n' "$(command -v sleep)" >"$tmp/clock/sleep"
     chmod +x "$tmp/clock/sleep"
-    PATH=$tmp/clock:$bin:$PATH
+    PATH=$tmp/clock:$PATH
     # The table: lines for SHELL (b bash, z zsh, f fish) | what zsh leaves on the line | the names offered as
     # their user reads them back, sorted, "|" between ("*N": N names). A list line with a comma inside a field
     # offers no name: there is no telling which field holds it.
@@ -91,27 +91,28 @@ compare() {  # COLUMNS
     [[ ! -e pwned ]] || fail "a device name was run as a command"
 }
 
-# Runs the devupdate, devsim and printf lines it reads as typed (build/ paths as installed,
-# /srv/fw/ as here, no comments or "|| ..."), each devsim on a free port that the lines after
-# it use (the built-in fleet before any); statuses: the exit status of each other line. A
-# --long-lived line never ends and is skipped; without timeout(1) (macOS) lines run bare.
-run_doc() {  # <TEXT
-    local line port= status
-    statuses=
+# Runs the commands a reader copies from DOC (a page's EXAMPLES or a README's code) in the order printed, in a
+# folder of its own: the devupdate, devsim and printf lines as typed (build/ paths as installed, /srv/fw/ as here,
+# no comments or "|| ..."), each devsim on a free port that later lines use (the built-in fleet before any). The
+# other lines' exit statuses must be STATUSES. --long-lived lines never end and are skipped; without timeout(1)
+# (macOS) lines run bare.
+run_doc() {  # DOC STATUSES
+    local line port= status statuses=
+    mkdir "$tmp/${1//\//_}.run" && cd "$tmp/${1//\//_}.run" && ln -s "$src/devsim" devsim
+    printf 'DEVFW1 manufacturer=acme model=x100 version=2.1.0\n' >x100-2.1.0.bin && : >fw.bin
     while read -r line; do
-        line=${line%%  \#*} line=${line%% || *} line=${line//build\/cli\//} line=${line//build\/devsim\//}
-        line=${line//\/srv\/fw\//}
+        line=$(sed -E 's/  #.*| \|\| .*| ?&$//; s#build/(cli|devsim)/|/srv/fw/| ?--port=[0-9]+##g' <<<"$line")
         command -v timeout >/dev/null || line=${line#timeout [0-9]* }
         case $line in
-        devsim | devsim\ -*) serve port $(sed 's/--port=[0-9]*//; s/&$//' <<<"${line#devsim}") --tick-ms=0 ;;
+        devsim | devsim\ -*) serve port ${line#devsim} --tick-ms=0 ;;
         *--long-lived*) ;;
         devupdate\ * | timeout\ * | printf\ *)
             [[ -n $port ]] || serve port --tick-ms=0
-            line=$(sed -E "s/--port=[0-9]+ //; s/devupdate /devupdate --port=$port /" <<<"$line")
-            status=0 && (PATH=$bin:$PATH && eval "$line") >/dev/null 2>&1 </dev/null || status=$?
+            status=0 && (eval "${line/devupdate /devupdate --port=$port }") &>/dev/null </dev/null || status=$?
             statuses+="${statuses:+ }$status" ;;
         esac
-    done
+    done < <([[ $1 == *.md ]] && awk '/^```/ { code = !code; next } code' "$src/$1" || cat "$tmp/$1")
+    [[ $statuses == "$2" ]] || fail "$1's commands ended with '$statuses', not '$2'"
 }
 
 case $3 in
@@ -129,11 +130,11 @@ man)
     # man-db's man lints too where it is the man (not on macOS, whose man has no --warnings).
     [[ $(uname) == Darwin ]] || mandb=y
     for page in devupdate devsim; do
-        src=$stage/usr/share/man/man1/$page.1.gz
-        lint=$(mandoc -T lint -W warning "$src" 2>&1; gzip -dc "$src" | groff -man -ww -z 2>&1
-               [[ -z ${mandb-} ]] || man --warnings -l "$src" 2>&1 >/dev/null)
+        gz=$stage/usr/share/man/man1/$page.1.gz
+        lint=$(mandoc -T lint -W warning "$gz" 2>&1; gzip -dc "$gz" | groff -man -ww -z 2>&1
+               [[ -z ${mandb-} ]] || man --warnings -l "$gz" 2>&1 >/dev/null)
         [[ -z $lint ]] || fail "$page.1 lint:"$'\n'"$lint"
-        text=$(mandoc -T ascii -O width=1000 "$src" | sed "s/.$(printf '\b')//g")
+        text=$(mandoc -T ascii -O width=1000 "$gz" | sed "s/.$(printf '\b')//g")
         opts=$(options $page) && [[ $opts == *--port=* ]] || fail "no options from $page --help"
         for option in $opts; do
             [[ $option == *= ]] && w= || w=w
@@ -141,21 +142,10 @@ man)
         done
         awk '/^[A-Z]/ { on = $0 == "EXAMPLES" } on' <<<"$text" >"$tmp/$page.1"
     done
-    # The commands a reader copies from the pages' EXAMPLES and the READMEs' code, in the
-    # order printed, each doc in a folder of its own: per doc, the exit status of each.
-    src=$(cd "$here/.." && pwd)
-    while IFS='|' read -r doc want_statuses; do
-        mkdir "$tmp/${doc//\//_}.run" && cd "$tmp/${doc//\//_}.run" && ln -s "$src/devsim" devsim
-        printf 'DEVFW1 manufacturer=acme model=x100 version=2.1.0\n' >x100-2.1.0.bin && : >fw.bin
-        run_doc < <([[ $doc == *.md ]] && awk '/^```/ { code = !code; next } code' "$src/$doc" || cat "$tmp/$doc")
-        [[ $statuses == "$want_statuses" ]] || fail "$doc's commands ended with '$statuses', not '$want_statuses'"
-    done <<EOF
-devupdate.1|0 0 0 0 0 0
-devsim.1|0 0
-README.md|0 0 0 0 0 1
-devsim/README.md|0 0
-EOF
-    ;;
+    run_doc devupdate.1 '0 0 0 0 0 0'
+    run_doc devsim.1 '0 0'
+    run_doc README.md '0 0 0 0 0 1'
+    run_doc devsim/README.md '0 0' ;;
 completion)
     # Debian's bash-completion, or Homebrew's (2, or 1 for macOS's bash 3.2).
     brew=$(brew --prefix 2>/dev/null || true)
@@ -195,7 +185,7 @@ completion)
 zsh)
     # Tab in a real interactive zsh; its compadd is wrapped to record what was offered.
     services z
-    cut -d'|' -f1 table | zsh -f "$here/complete.zsh" "$stage/$zshdir" "$tmp/clock/expired" "--port=$mute " >got
+    cut -d'|' -f1 table | zsh -f "$src/e2e/complete.zsh" "$stage/$zshdir" "$tmp/clock/expired" "--port=$mute " >got
     compare 1- ;;
 fish)
     # fish lists each candidate with the option it completes; it escapes them when it inserts one.
@@ -228,7 +218,6 @@ package)
     done ;;
 reproducible)
     # The same sources built again in another folder give the same packages, byte for byte.
-    src=$(cd "$(dirname "$0")/.." && pwd)
     export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git -C "$src" log -1 --format=%ct)}
     mkdir "$tmp/copy"
     (cd "$src" && git ls-files -z --cached --others --exclude-standard | xargs -0 tar cf - 2>/dev/null) |
