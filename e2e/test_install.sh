@@ -11,11 +11,8 @@ trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$tmp"' EXIT
 fail() { printf 'FAIL: %s\n' "$*" >&2; exit 1; }
 # The completions go where the shells look: Debian's folders, or on macOS those that
 # Homebrew's bash-completion (1 and 2) and zsh, and macOS's own zsh, read.
-if [[ $(uname) == Darwin ]]; then
-    bashdir=usr/etc/bash_completion.d zshdir=usr/share/zsh/site-functions
-else
-    bashdir=usr/share/bash-completion/completions zshdir=usr/share/zsh/vendor-completions
-fi
+bashdir=usr/share/bash-completion/completions zshdir=usr/share/zsh/vendor-completions
+[[ $(uname) != Darwin ]] || bashdir=usr/etc/bash_completion.d zshdir=usr/share/zsh/site-functions
 # What an install holds, under the prefix /usr; everything of devsim's has its name.
 want=$(printf '%s\n' usr/bin/{devsim,devupdate} usr/share/man/man1/{devsim,devupdate}.1.gz \
     $bashdir/{devsim,devupdate} $zshdir/_{devsim,devupdate} \
@@ -35,16 +32,14 @@ serve() {  # VAR OPTIONS...: starts devsim on a free port, sets VAR to the port 
     "$bin/devsim" --port=0 "${@:2}" >"$fifo" 2>"$fifo.log" &
     IFS=: read -r _ "$1" <"$fifo" || fail "devsim ${*:2} did not start: $(<"$fifo.log")"
 }
-# devsims for the completions, in a folder of its own with a firmware file and a folder to
-# complete: the lobby (its built-in fleet, recording what it is sent), odd (names the shell
-# must not take apart, and one with a comma), big (10,000 names), mute (never answers).
-# A name run as a command would leave the file "pwned" behind.
+# devsims for the completions, in a folder of its own with a firmware file and a folder to complete: the
+# lobby (its built-in fleet, recording what it is sent), odd (names the shell must not take apart, and one
+# with a comma), big (10,000 names), mute (never answers). A name run as a command would leave "pwned" behind.
 odd_names=('hall panel 1' 'hall:2' "it's \"q\"" '$HOME' '`touch pwned`' 'a;touch pwned' 'b&c' 'star*'
            '#hash' 'back\slash' 'east,wing')
 services() {  # SHELL
     mkdir "$tmp/clock" "$tmp/work" && cd "$tmp/work" && touch fw.bin && mkdir frames
-    printf '%s\n' "${odd_names[@]}" | sed 's/[\\"]/\\&/g; s/.*/{"name": "&"}/' | paste -sd, - |
-        sed 's/.*/[&]/' >odd.json
+    python3 -c 'import json, sys; print(json.dumps([{"name": n} for n in sys.argv[1:]]))' "${odd_names[@]}" >odd.json
     serve lobby --record=frames/lobby && serve odd --fleet=odd.json && serve mute --mute-after=0
     serve big --generate-fleet=10000 --tick-ms=0
     # The watchdog's second is over at once while clock/expired exists (rows against the
@@ -123,22 +118,19 @@ files)
     got=$(cd "$stage" && find . ! -type d | sed 's|^\./||' | LC_ALL=C sort)
     [[ $got == "$want" ]] || fail "installed files:"$'\n'"$(diff <(echo "$want") <(echo "$got"))"
     # The installed READMEs are for package users: no build commands, no source-tree paths.
-    for doc in "$stage"/usr/share/doc/*/README.md; do
-        ! grep -nE 'make (demo|build|test|install|package)|cmake|build/|fleets/|docs/' "$doc" || fail "$doc talks about the source tree"
-    done ;;
+    ! grep -nE 'make (demo|build|test|install|package)|cmake|build/|fleets/|docs/' "$stage"/usr/share/doc/*/README.md ||
+        fail "an installed README talks about the source tree (above)" ;;
 man)
-    # man-db's man lints too where it is the man (not on macOS, whose man has no --warnings).
-    [[ $(uname) == Darwin ]] || mandb=y
     for page in devupdate devsim; do
         gz=$stage/usr/share/man/man1/$page.1.gz
+        # man-db's man lints too where it is the man (not on macOS, whose man has no --warnings).
         lint=$(mandoc -T lint -W warning "$gz" 2>&1; gzip -dc "$gz" | groff -man -ww -z 2>&1
-               [[ -z ${mandb-} ]] || man --warnings -l "$gz" 2>&1 >/dev/null)
+               [[ $(uname) == Darwin ]] || man --warnings -l "$gz" 2>&1 >/dev/null)
         [[ -z $lint ]] || fail "$page.1 lint:"$'\n'"$lint"
         text=$(mandoc -T ascii -O width=1000 "$gz" | sed "s/.$(printf '\b')//g")
         opts=$(options $page) && [[ $opts == *--port=* ]] || fail "no options from $page --help"
-        for option in $opts; do
-            [[ $option == *= ]] && w= || w=w
-            grep -qF$w -- "$option" <<<"$text" || fail "$page.1 does not describe $option"
+        for option in $opts; do  # as a word, unless a value follows it
+            grep -qF"$([[ $option == *= ]] || echo w)" -- "$option" <<<"$text" || fail "$page.1 does not describe $option"
         done
         awk '/^[A-Z]/ { on = $0 == "EXAMPLES" } on' <<<"$text" >"$tmp/$page.1"
     done
@@ -171,17 +163,14 @@ completion)
             fail "'$line': inserted ${nospace:+without}${nospace:-with} a blank after it"
     done <table >got
     compare 1,3-
-    # macOS has bash 3.2 and bash-completion 1.3, and no timeout(1): none of what came later
-    # (associative arrays, case conversion, mapfile, readarray, coproc, ;;& and ;&, |& and &>>,
-    # negative indices, $EPOCH*, wait -n, compopt unchecked, _init_completion, timeout) may
-    # appear outside comments; this bash cannot run 3.2 to prove it.
+    # macOS has bash 3.2 and bash-completion 1.3, and no timeout(1): none of what came later (associative arrays,
+    # case conversion, mapfile, readarray, coproc, ;;& and ;&, |& and &>>, negative indices, $EPOCH*, wait -n,
+    # compopt unchecked, _init_completion, timeout) may appear outside comments; this bash cannot run 3.2 to prove it.
     later='(declare|local|typeset) -[a-zA-Z]*A|\$\{[A-Za-z_][A-Za-z0-9_]*(\[[^]]*\])?(,|\^)|;;&|;&|\|&|&>>'
     later+='|(^|[^-[:alnum:]_])((mapfile|readarray|coproc)([^-[:alnum:]_]|$)|timeout[[:space:]])'
     later+='|\[-[0-9]+\]|EPOCH(REALTIME|SECONDS)|wait -n|compopt|_init_completion'
-    for file in "$stage/$bashdir"/*; do
-        ! grep -v '^[[:space:]]*#' "$file" | grep -nE -- "$later" | grep -v 'type compopt' ||
-            fail "${file##*/} uses what bash 3.2 lacks (above)"
-    done ;;
+    ! grep -nHE -- "$later" "$stage/$bashdir"/* | grep -vE '^[^:]*:[0-9]+:[[:space:]]*#|type compopt' ||
+        fail "the bash completions use what bash 3.2 lacks (above)" ;;
 zsh)
     # Tab in a real interactive zsh; its compadd is wrapped to record what was offered.
     services z
@@ -198,24 +187,22 @@ fish)
     done <table >got
     compare 1,3- ;;
 package)
-    for deb in "$build"/{devupdate,devsim}_*.deb; do
-        name=$(dpkg-deb --field "$deb" Package)
-        got=$(dpkg-deb --contents "$deb" | grep -v '/$' | sed 's/.* \.\///' | LC_ALL=C sort)
-        [[ $got == "$(grep $([[ $name == devsim ]] || echo -v) devsim <<<"$want")" ]] || fail "$deb holds:"$'\n'"$got"
-        dpkg-deb --field "$deb" Depends | grep -q libjsoncpp || fail "$deb: no dependencies found"
-    done
-    # Not a tag at all, not even an informational or pedantic one, warnings fail.
-    tags=$(lintian -I --pedantic --fail-on error,warning "$build"/{devupdate,devsim}_*.deb 2>&1 |
-           grep -v '^running with root' || true)
-    [[ -z $tags ]] || fail "lintian:"$'\n'"$tags"
     # hardening-check cannot find control-flow protection where the C library's start
     # files lack it (Debian 12's do): no program linked with them can carry the mark.
     crti=$(gcc -print-file-name=crti.o 2>/dev/null || true)
     readelf -n "$crti" 2>/dev/null | grep -q 'x86 feature: IBT, SHSTK' || nocf=--nocfprotection
     for deb in "$build"/{devupdate,devsim}_*.deb; do
-        rm -rf "$tmp/x" && dpkg-deb -x "$deb" "$tmp/x"
-        hardening-check ${nocf-} "$tmp"/x/usr/bin/* >"$tmp/hardening" || fail "$(<"$tmp/hardening")"
-    done ;;
+        name=$(dpkg-deb --field "$deb" Package)
+        got=$(dpkg-deb --contents "$deb" | grep -v '/$' | sed 's/.* \.\///' | LC_ALL=C sort)
+        [[ $got == "$(grep $([[ $name == devsim ]] || echo -v) devsim <<<"$want")" ]] || fail "$deb holds:"$'\n'"$got"
+        dpkg-deb --field "$deb" Depends | grep -q libjsoncpp || fail "$deb: no dependencies found"
+        dpkg-deb -x "$deb" "$tmp/$name"
+        hardening-check ${nocf-} "$tmp/$name"/usr/bin/* >"$tmp/hardening" || fail "$(<"$tmp/hardening")"
+    done
+    # Not a tag at all, not even an informational or pedantic one, warnings fail.
+    tags=$(lintian -I --pedantic --fail-on error,warning "$build"/{devupdate,devsim}_*.deb 2>&1 |
+           grep -v '^running with root' || true)
+    [[ -z $tags ]] || fail "lintian:"$'\n'"$tags" ;;
 reproducible)
     # The same sources built again in another folder give the same packages, byte for byte.
     export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git -C "$src" log -1 --format=%ct)}
