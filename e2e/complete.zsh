@@ -1,10 +1,11 @@
 # zsh -f complete.zsh FPATH_DIR FILE TEXT <LINES: types each line and Tab into a real
-# interactive zsh that loads its completions from FPATH_DIR, and prints for each what was
-# offered (separated by \x01), "|" and the line after Tab. compadd is wrapped to record
-# every match as it is added. FILE exists while a line holding TEXT is completed, and only
-# then.
+# interactive zsh that loads its completions from FPATH_DIR, and prints for each the line, the
+# line after Tab and what was offered (bytewise sorted, each once), "|" between them. compadd
+# is wrapped to record every match as it is added. FILE exists while a line holding TEXT is
+# completed, and only then.
 zmodload zsh/zpty
 zpty -b z zsh -f -i
+LC_ALL=C  # here only, for the sorting: the interactive zsh keeps the caller's locale
 zpty -w z "PS1= PROMPT_EOL_MARK=; fpath=(${(q)1} \$fpath); autoload -Uz compinit; compinit -u -D"
 zpty -w z 'unsetopt beep auto_list auto_menu list_ambiguous; bindkey "^I" complete-word; typeset -ga offered'
 zpty -w z 'compadd() { local -a seen; (( ${@[(I)-[OAD]*]} )) || builtin compadd -O seen "$@"; offered+=($seen); builtin compadd "$@" }'
@@ -15,7 +16,8 @@ while IFS= read -r line; do
   if [[ $line == *$3* ]]; then : >$2; else rm -f $2; fi
   zpty -n -w z "$line"$'\t\x18'
   zpty -r -m z out $'*\x02*\x03*' || exit 1
-  out=${out##*$'\x02'}
-  print -r -- ${out%%$'\x03'*}
+  out=${${out##*$'\x02'}%%$'\x03'*}
+  offered=(${(ps:\x01:)out%|*})
+  print -r -- "$line|${out##*|}|${(j:|:)${(@ou)offered}}"
 done
 zpty -d z
