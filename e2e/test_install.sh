@@ -26,11 +26,12 @@ options() {
         grep -oE -- ' --?[a-z][-a-z]*=?' | tr -d ' ' | grep -vx -- --update-all | LC_ALL=C sort -u
 }
 
-serve() {  # VAR OPTIONS...: starts devsim on a free port, sets VAR to the port it prints once listening
-    local fifo=$tmp/devsim$((++served))
-    mkfifo "$fifo"
-    "$bin/devsim" --port=0 "${@:2}" >"$fifo" 2>"$fifo.log" &
-    IFS=: read -r _ "$1" <"$fifo" || fail "devsim ${*:2} did not start: $(<"$fifo.log")"
+serve() {  # VAR OPTIONS...: starts devsim on a free port, sets VAR to the port it writes once listening
+    local file=$tmp/devsim$((++served)).port pid
+    "$bin/devsim" --port=0 --port-file="$file" "${@:2}" >/dev/null 2>"$file.log" &
+    pid=$!
+    until [[ -s $file ]]; do kill -0 $pid 2>/dev/null || fail "devsim ${*:2} did not start: $(<"$file.log")"; sleep 0.05; done
+    printf -v "$1" %s "$(<"$file")"
 }
 # devsims for the completions, in a folder of its own with a firmware file and a folder to complete: the
 # lobby (its built-in fleet, recording what it is sent), odd (names the shell must not take apart, and one
@@ -130,7 +131,8 @@ man)
         text=$(mandoc -T ascii -O width=1000 "$gz" | sed "s/.$(printf '\b')//g")
         opts=$(options $page) && [[ $opts == *--port=* ]] || fail "no options from $page --help"
         for option in $opts; do  # as a word, unless a value follows it
-            grep -qF"$([[ $option == *= ]] || echo w)" -- "$option" <<<"$text" || fail "$page.1 does not describe $option"
+            grep -qF"$([[ $option == *= ]] || echo w)" -- "$option" <<<"$text" ||
+                fail "$page.1 does not describe $option"
         done
         awk '/^[A-Z]/ { on = $0 == "EXAMPLES" } on' <<<"$text" >"$tmp/$page.1"
     done
