@@ -555,12 +555,12 @@ void Service::applyFaults(Hdl hdl, Client& client) {
     if (reached(options.dropAfter) && !client.closing) {
         client.closing = true;
         log(who + "dropping the connection after " + std::to_string(client.sent) + " messages");
-        cutWhenWritten(hdl, client, false);
+        cutConnection(hdl, client, false);
     }
     if (reached(options.resetAfter) && !client.closing) {
         client.closing = true;
         log(who + "resetting the connection after " + std::to_string(client.sent) + " messages");
-        cutWhenWritten(hdl, client, true);
+        cutConnection(hdl, client, true);
     }
     if (reached(options.closeAfter) && !client.closing) {
         client.closing = true;
@@ -569,7 +569,7 @@ void Service::applyFaults(Hdl hdl, Client& client) {
     }
 }
 
-void Service::cutWhenWritten(Hdl hdl, Client& client, bool reset) {
+void Service::cutConnection(Hdl hdl, Client& client, bool reset) {
     // A drop lets the peer read the end of the stream with no close frame before it, as
     // when a service crashes; it waits for the frames sent so far, the last of which may
     // be large and still going out. A reset aborts the connection at once, as when a

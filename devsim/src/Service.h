@@ -111,8 +111,9 @@ private:
     // Every frame goes out through here, counted in the client's Unwritten.
     void write(Hdl hdl, Client& client, const std::string& text, std::error_code& ec);
     void applyFaults(Hdl hdl, Client& client);
-    // Ends the TCP connection under the library once the frames sent so far are written.
-    void cutWhenWritten(Hdl hdl, Client& client, bool reset);
+    // Ends the TCP connection under the library: a drop once the frames sent so far are
+    // written, a reset at once.
+    void cutConnection(Hdl hdl, Client& client, bool reset);
     void pauseReading(Hdl hdl, Client& client);
 
     const std::string& devicesText();
