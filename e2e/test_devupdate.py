@@ -63,7 +63,7 @@ class Journeys(Journey):
                 sim = self.sim(*sim_args)
                 self.assertEqual(self.tool("--port=%d" % sim.port, *args), (output, 0, ""))
                 self.assertEqual(sim.frames(), frames)
-                self.assertTrue(" gone (dropped without closing: End of File)" in slurp(sim.log_path),
+                self.assertTrue(" gone (ended normally: end of stream)" in slurp(sim.log_path),
                                 "the tool's connection did not end with an end of stream")
 
     def test_a_run_that_sent_nothing_does_not_wait_for_the_service_to_close(self):

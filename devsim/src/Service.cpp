@@ -1,6 +1,7 @@
 #include "Service.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -46,6 +47,59 @@ std::string orAny(const std::string& id) {
     return id.empty() ? "any" : id;
 }
 
+// What a frame handed to a client costs beyond its bytes: its message object, the hold on
+// it and the connection's queue entry. Counted so that a flood of small frames is held to
+// the cap as a few large ones are.
+constexpr std::size_t kFrameCost = 256;
+
+// The length of the UTF-8 sequence at `at` and its code point; 0 when it is not UTF-8.
+std::size_t utf8At(const std::string& text, std::size_t at, char32_t& point) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(at);
+    const std::size_t length = lead < 0x80 ? 1 : lead < 0xc2 ? 0 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : lead < 0xf5 ? 4 : 0;
+    if (length == 0 || at + length > text.size())
+        return 0;
+    point = length == 1 ? lead : lead & (0x7f >> length);
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(at + i) & 0xc0) != 0x80)
+            return 0;
+        point = point << 6 | (byte(at + i) & 0x3f);
+    }
+    const char32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    return point < least[length] || point > 0x10ffff || (point >= 0xd800 && point < 0xe000) ? 0 : length;
+}
+
+// Text for the log whatever a client put in it: control characters (C0, DEL, C1), line and
+// paragraph separators, direction overrides and bytes that are not UTF-8 are written as
+// \xHH or \uHHHH, and a backslash doubled, so that no name starts a line of its own, hides
+// what follows it or reaches the terminal as an escape sequence.
+std::string escaped(const std::string& text) {
+    std::string out;
+    out.reserve(text.size());
+    char hex[12];
+    for (std::size_t at = 0; at < text.size();) {
+        char32_t point = 0;
+        const std::size_t length = utf8At(text, at, point);
+        if (length == 0) {
+            std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned char>(text[at]));
+            out += hex;
+            ++at;
+            continue;
+        }
+        if (point < 0x20 || (point >= 0x7f && point < 0xa0) || point == 0x2028 || point == 0x2029 ||
+            (point >= 0x202a && point <= 0x202e) || (point >= 0x2066 && point <= 0x2069)) {
+            std::snprintf(hex, sizeof hex, point < 0x80 ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(point));
+            out += hex;
+        } else if (point == '\\') {
+            out += "\\\\";
+        } else {
+            out.append(text, at, length);
+        }
+        at += length;
+    }
+    return out;
+}
+
 } // namespace
 
 Service::Service(asio::io_context& context, const Options& settings, Fleet served)
@@ -64,6 +118,8 @@ Service::Service(asio::io_context& context, const Options& settings, Fleet serve
         std::error_code ignored;
         server.get_con_from_hdl(hdl)->get_socket().set_option(asio::ip::tcp::no_delay(true), ignored);
     });
+    server.set_max_message_size(options.maxMessage);
+    server.set_validate_handler([this](Hdl hdl) { return onValidate(hdl); });
     server.set_open_handler([this](Hdl hdl) { onOpen(hdl); });
     server.set_close_handler([this](Hdl hdl) { onClose(hdl); });
     server.set_fail_handler([this](Hdl hdl) { onFail(hdl); });
@@ -86,7 +142,7 @@ unsigned Service::start() {
         throw std::runtime_error("cannot listen on 127.0.0.1:" + std::to_string(options.port) + ": " + ec.message());
     asio::error_code local;
     unsigned port = server.get_local_endpoint(local).port();
-    devicesText();
+    devicesFrame();
     log("serving " + std::to_string(fleet.visibleCount()) + " devices, tick " + std::to_string(options.tickMs) +
         " ms, " + std::to_string(options.progressSteps) + " progress steps");
     return port;
@@ -108,6 +164,7 @@ void Service::stop(std::function<void()> whenDrained) {
     for (auto& timer : timeline)
         timer->cancel();
     for (auto& entry : clients) {
+        entry.second.closedBy = "stopping, code 1001";
         server.close(entry.first, websocketpp::close::status::going_away, "service stopping", ec);
     }
     if (clients.empty() && drained)
@@ -115,7 +172,7 @@ void Service::stop(std::function<void()> whenDrained) {
 }
 
 void Service::log(const std::string& line) const {
-    std::cerr << "devsim: " << line << std::endl;
+    std::cerr << "devsim: " << escaped(line) << std::endl;
 }
 
 Service::Client* Service::clientOf(Hdl hdl) {
@@ -123,7 +180,26 @@ Service::Client* Service::clientOf(Hdl hdl) {
     return it == clients.end() ? nullptr : &it->second;
 }
 
+bool Service::onValidate(Hdl hdl) {
+    if (clients.size() + opening.size() < options.maxClients) {
+        opening.insert(hdl);
+        return true;
+    }
+    Server::connection_ptr con = server.get_con_from_hdl(hdl);
+    con->set_status(websocketpp::http::status_code::service_unavailable);
+    log("refusing a connection from " + con->get_remote_endpoint() + ": " + std::to_string(options.maxClients) +
+        " clients already (--max-clients)");
+    return false;
+}
+
+Service::Server::connection_ptr Service::addUnconnectedClient() {
+    Server::connection_ptr con = server.get_connection();
+    onOpen(con);
+    return con;
+}
+
 void Service::onOpen(Hdl hdl) {
+    opening.erase(hdl);
     Client client;
     client.id = nextClientId++;
     client.peer = server.get_con_from_hdl(hdl)->get_remote_endpoint();
@@ -133,16 +209,17 @@ void Service::onOpen(Hdl hdl) {
 
     // A fault count of 0 takes effect before the device list.
     applyFaults(hdl, stored);
-    sendText(hdl, devicesText());
+    sendFrame(hdl, devicesFrame());
     if (Client* opened = clientOf(hdl); opened && opened->pauseDue)
         pauseReading(hdl, *opened);
 }
 
-const std::string& Service::devicesText() {
-    // Serialising a large fleet takes a while; do it once per change.
-    // Written piece by piece rather than through one big Json::Value, which
-    // would copy every device first; members in the writer's sorted order.
-    if (devicesCache.empty()) {
+const Service::Server::message_ptr& Service::devicesFrame() {
+    // Serialising a large fleet takes a while; do it once per change. The frame is shared by
+    // every client it goes to, until each has written it. Written piece by piece rather
+    // than through one big Json::Value, which would copy every device first; members in
+    // the writer's sorted order.
+    if (!devicesCache) {
         Json::StreamWriterBuilder builder;
         builder["indentation"] = "";
         builder["emitUTF8"] = true;
@@ -159,7 +236,7 @@ const std::string& Service::devicesText() {
             writer->write(device.object, &out);
         }
         out << "],\"msg\":\"devices\"}";
-        devicesCache = out.str();
+        devicesCache = prepare(out.str());
     }
     return devicesCache;
 }
@@ -169,15 +246,23 @@ void Service::onClose(Hdl hdl) {
     if (!client)
         return;
     auto con = server.get_con_from_hdl(hdl);
+    const auto given = [](websocketpp::close::status::value code) {
+        return code != websocketpp::close::status::no_status && code != websocketpp::close::status::abnormal_close;
+    };
+    // The library closes by itself on a protocol error (a message too big, text that is not
+    // UTF-8) and drops the connection once its close frame is out, before any answer.
     std::string how;
-    if (con->get_remote_close_code() != websocketpp::close::status::no_status &&
-        con->get_remote_close_code() != websocketpp::close::status::abnormal_close)
-        how = "closed with code " + std::to_string(con->get_remote_close_code());
-    else if (con->get_local_close_code() != websocketpp::close::status::no_status &&
-             con->get_local_close_code() != websocketpp::close::status::abnormal_close)
-        how = "closed by devsim with code " + std::to_string(con->get_local_close_code());
+    if (!client->closedBy.empty())
+        how = "closed by devsim: " + client->closedBy;
+    else if (given(con->get_remote_close_code()))
+        how = "ended normally: close frame with code " + std::to_string(con->get_remote_close_code());
+    else if (given(con->get_local_close_code()))
+        how = "closed by devsim: code " + std::to_string(con->get_local_close_code()) + ", " +
+              con->get_local_close_reason();
+    else if (con->get_ec() == websocketpp::transport::error::make_error_code(websocketpp::transport::error::eof))
+        how = "ended normally: end of stream";
     else
-        how = "dropped without closing: " + con->get_ec().message();
+        how = "dropped without closing: " + con->get_transport_ec().message();
     log("client " + std::to_string(client->id) + " gone (" + how + ") after " + std::to_string(client->sent) +
         " messages");
     clients.erase(hdl);
@@ -186,6 +271,7 @@ void Service::onClose(Hdl hdl) {
 }
 
 void Service::onFail(Hdl hdl) {
+    opening.erase(hdl);
     auto con = server.get_con_from_hdl(hdl);
     if (stopped)
         return; // the pending accept, cancelled by stop()
@@ -193,12 +279,47 @@ void Service::onFail(Hdl hdl) {
 }
 
 void Service::onMessage(Hdl hdl, Server::message_ptr message) {
-    handleFrame(hdl, message->get_payload());
+    handleFrame(hdl, message->get_payload(), message->get_opcode() == websocketpp::frame::opcode::binary);
     if (Client* client = clientOf(hdl); client && client->pauseDue)
         pauseReading(hdl, *client);
+    // A client whose answers pile up is read no further until it has taken most of them,
+    // as TCP itself would hold back a sender: its own requests can never take it past the cap.
+    Client* client = clientOf(hdl);
+    if (!client || client->closing || client->backedUp || client->unwritten->bytes <= options.maxUnwritten / 4)
+        return;
+    client->backedUp = true;
+    holdReading(hdl, *client);
+    client->unwritten->below = options.maxUnwritten / 8;
+    client->unwritten->whenBelow = [this, hdl] {
+        if (Client* taken = clientOf(hdl)) {
+            taken->backedUp = false;
+            resumeReading(hdl, *taken);
+        }
+    };
 }
 
-void Service::handleFrame(Hdl hdl, const std::string& payload) {
+void Service::holdReading(Hdl hdl, Client& client) {
+    // Only ever called from inside the connection's read step (on open, or while the frames
+    // of a read are handled), and set there and then rather than posted: the step then
+    // ends without starting another read, so resuming never starts a second one beside it.
+    std::error_code ec;
+    if (Server::connection_ptr con = server.get_con_from_hdl(hdl, ec)) {
+        con->handle_pause_reading();
+        client.readingHeld = true;
+    }
+}
+
+void Service::resumeReading(Hdl hdl, Client& client) {
+    if (!client.readingHeld || client.backedUp || client.faultPaused || client.closing)
+        return;
+    std::error_code ec;
+    if (Server::connection_ptr con = server.get_con_from_hdl(hdl, ec)) {
+        client.readingHeld = false;
+        con->resume_reading();
+    }
+}
+
+void Service::handleFrame(Hdl hdl, const std::string& payload, bool binary) {
     Client* client = clientOf(hdl);
     if (!client)
         return;
@@ -211,12 +332,22 @@ void Service::handleFrame(Hdl hdl, const std::string& payload) {
         log(who + "muted, ignoring a frame of " + std::to_string(payload.size()) + " bytes");
         return;
     }
+    if (binary) {
+        log(who + "ignoring a binary frame of " + std::to_string(payload.size()) + " bytes");
+        return;
+    }
 
     Json::CharReaderBuilder builder;
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value request;
     std::string errors;
-    if (!reader->parse(payload.data(), payload.data() + payload.size(), &request, &errors)) {
+    bool parsed = false;
+    try {
+        parsed = reader->parse(payload.data(), payload.data() + payload.size(), &request, &errors);
+    } catch (const Json::Exception& error) { // nested past the reader's depth limit
+        errors = error.what();
+    }
+    if (!parsed) {
         log(who + "ignoring a frame that is not JSON (" + oneLine(errors) + ")");
         return;
     }
@@ -432,7 +563,7 @@ void Service::finishJob(const std::shared_ptr<Job>& job) {
         message["device"] = device->object;
         broadcast(message);
         device->object = job->after;
-        devicesCache.clear();
+        devicesCache.reset();
         message["msg"] = "device_added";
         message["device"] = device->object;
         broadcast(message);
@@ -443,24 +574,25 @@ void Service::finishJob(const std::shared_ptr<Job>& job) {
 }
 
 void Service::send(Hdl hdl, const Json::Value& message) {
-    sendText(hdl, toText(message));
+    sendFrame(hdl, prepare(toText(message)));
 }
 
 void Service::broadcast(const Json::Value& message) {
-    std::string text = toText(message);
+    Server::message_ptr frame = prepare(toText(message));
     std::vector<Hdl> targets;
     for (auto& entry : clients)
         targets.push_back(entry.first);
     for (Hdl& hdl : targets)
-        sendText(hdl, text);
+        sendFrame(hdl, frame);
 }
 
-void Service::sendText(Hdl hdl, const std::string& text) {
+void Service::sendFrame(Hdl hdl, const Server::message_ptr& frame) {
     Client* client = clientOf(hdl);
     if (!client || client->muted || client->closing)
         return;
     std::error_code ec;
-    write(hdl, *client, text, ec);
+    if (!write(hdl, *client, frame, ec))
+        return;
     if (ec) {
         log("client " + std::to_string(client->id) + ": send failed: " + ec.message());
         return;
@@ -470,27 +602,67 @@ void Service::sendText(Hdl hdl, const std::string& text) {
     applyFaults(hdl, *client);
 }
 
-void Service::write(Hdl hdl, Client& client, const std::string& text, std::error_code& ec) {
+Service::Server::message_ptr Service::prepare(const std::string& text) {
     auto opcode = options.binary ? websocketpp::frame::opcode::binary : websocketpp::frame::opcode::text;
     Server::message_ptr payload = messages->get_message(opcode, text.size());
     payload->append_payload(text);
-    // A frame released after its client has gone finds nothing to count.
-    Server::message_ptr frame(new Config::message_type(messages),
-                              [pending = std::weak_ptr<Unwritten>(client.unwritten)](Config::message_type* done) {
-                                  delete done;
-                                  std::shared_ptr<Unwritten> left = pending.lock();
-                                  if (left && --left->count == 0 && left->whenWritten) {
-                                      std::function<void()> then;
-                                      then.swap(left->whenWritten);
-                                      then();
-                                  }
-                              });
-    ++client.unwritten->count;
+    Server::message_ptr frame = messages->get_message();
+    // A text frame that is not UTF-8 (a name read from an escape that is half a pair) is
+    // left unprepared, and sending it fails.
+    framer.prepare_data_frame(payload, frame);
+    return frame;
+}
+
+bool Service::write(Hdl hdl, Client& client, const Server::message_ptr& frame, std::error_code& ec) {
+    if (!frame->get_prepared()) {
+        ec = websocketpp::processor::error::make_error_code(websocketpp::processor::error::invalid_payload);
+        return true;
+    }
+    const std::size_t cost = frame->get_header().size() + frame->get_payload().size() + kFrameCost;
+    if (client.unwritten->bytes + cost > options.maxUnwritten) {
+        client.closing = true;
+        client.closedBy = "more than " + std::to_string(options.maxUnwritten) + " bytes unwritten";
+        log("client " + std::to_string(client.id) + ": cut off, it reads too slowly: " +
+            std::to_string(client.unwritten->bytes + cost) + " bytes would be unwritten, over the cap of " +
+            std::to_string(options.maxUnwritten) + " (--max-unwritten)");
+        cutConnection(hdl, client, true);
+        return false;
+    }
+    // The connection holds the frame through a hold of this client's, so that each client
+    // counts its own write of a frame others share.
+    struct Hold {
+        Server::message_ptr frame;
+        std::weak_ptr<Unwritten> pending; // a frame released after its client has gone finds nothing to count
+        std::size_t cost;
+        Hold(Server::message_ptr held, const std::shared_ptr<Unwritten>& counted, std::size_t bytes)
+            : frame(std::move(held)), pending(counted), cost(bytes) {
+            ++counted->count;
+            counted->bytes += cost;
+        }
+        Hold(const Hold&) = delete;
+        Hold& operator=(const Hold&) = delete;
+        ~Hold() {
+            std::shared_ptr<Unwritten> left = pending.lock();
+            if (!left)
+                return;
+            left->bytes -= cost;
+            if (left->whenBelow && left->bytes <= left->below) {
+                std::function<void()> then;
+                then.swap(left->whenBelow);
+                then();
+            }
+            if (--left->count == 0 && left->whenWritten) {
+                std::function<void()> then;
+                then.swap(left->whenWritten);
+                then();
+            }
+        }
+    };
+    auto hold = std::make_shared<Hold>(frame, client.unwritten, cost);
     Server::connection_ptr con = server.get_con_from_hdl(hdl, ec);
     if (!ec)
-        ec = framer.prepare_data_frame(payload, frame);
-    if (!ec)
-        ec = con->send(frame);
+        ec = con->send(Server::message_ptr(hold, hold->frame.get()));
+    return true;
 }
 
 void Service::pauseReading(Hdl hdl, Client& client) {
@@ -505,15 +677,16 @@ void Service::pauseReading(Hdl hdl, Client& client) {
         client.readPause = std::make_shared<asio::steady_timer>(io);
     }
     // Requests pile up in the socket meanwhile, and the client's writes back up behind them.
-    // Only ever called from inside the connection's read step (on open, or while the frames
-    // of a read are handled), and set there and then rather than posted: the step then
-    // ends without starting another read, so resuming never starts a second one beside it.
-    con->handle_pause_reading();
+    holdReading(hdl, client);
+    client.faultPaused = true;
     client.readPause->expires_after(std::chrono::milliseconds(options.pauseReadingMs));
     // The wait holds the connection: with no read pending nothing else keeps it alive.
-    client.readPause->async_wait([con](const asio::error_code& waited) {
-        if (!waited)
-            con->resume_reading();
+    client.readPause->async_wait([this, con, hdl](const asio::error_code& waited) {
+        Client* paused = clientOf(hdl);
+        if (waited || !paused)
+            return;
+        paused->faultPaused = false;
+        resumeReading(hdl, *paused);
     });
 }
 
@@ -524,20 +697,20 @@ void Service::applyFaults(Hdl hdl, Client& client) {
     if (reached(options.garbageAfter) && !client.garbageDone) {
         client.garbageDone = true;
         log(who + "sending a frame that is not JSON");
-        write(hdl, client, std::string("this is not json"), ec);
+        write(hdl, client, prepare("this is not json"), ec);
     }
     if (reached(options.notObjectAfter) && !client.notObjectDone) {
         client.notObjectDone = true;
         // Valid JSON holding what would be a message, so a client that looks inside
         // anything but an object shows it.
         log(who + "sending a JSON frame that is not an object");
-        write(hdl, client, std::string("[{\"devices\":[],\"msg\":\"devices\"}]"), ec);
+        write(hdl, client, prepare("[{\"devices\":[],\"msg\":\"devices\"}]"), ec);
     }
     if (reached(options.deepAfter) && !client.deepDone) {
         client.deepDone = true;
         // One level past the 1,000 that JSON readers commonly allow.
         log(who + "sending a frame nested 1001 deep");
-        write(hdl, client, std::string(1001, '[') + std::string(1001, ']'), ec);
+        write(hdl, client, prepare(std::string(1001, '[') + std::string(1001, ']')), ec);
     }
     if (reached(options.oversizeAfter) && !client.oversizeDone) {
         client.oversizeDone = true;
@@ -546,7 +719,7 @@ void Service::applyFaults(Hdl hdl, Client& client) {
         big.append(33000000, 'x');
         big += "\"}";
         log(who + "sending an oversized frame of " + std::to_string(big.size()) + " bytes");
-        write(hdl, client, big, ec);
+        write(hdl, client, prepare(big), ec);
     }
     if (reached(options.muteAfter) && !client.muted) {
         client.muted = true;
@@ -554,16 +727,19 @@ void Service::applyFaults(Hdl hdl, Client& client) {
     }
     if (reached(options.dropAfter) && !client.closing) {
         client.closing = true;
+        client.closedBy = "dropped as asked";
         log(who + "dropping the connection after " + std::to_string(client.sent) + " messages");
         cutConnection(hdl, client, false);
     }
     if (reached(options.resetAfter) && !client.closing) {
         client.closing = true;
+        client.closedBy = "reset as asked";
         log(who + "resetting the connection after " + std::to_string(client.sent) + " messages");
         cutConnection(hdl, client, true);
     }
     if (reached(options.closeAfter) && !client.closing) {
         client.closing = true;
+        client.closedBy = "closing as asked, code 1001";
         log(who + "closing after " + std::to_string(client.sent) + " messages");
         server.close(hdl, websocketpp::close::status::going_away, "closing as asked", ec);
     }
@@ -615,7 +791,7 @@ void Service::startTimeline() {
             after(device.appearAfterMs, [this, i] {
                 Device& d = fleet.devices()[i];
                 d.hidden = false;
-                devicesCache.clear();
+                devicesCache.reset();
                 log("device " + d.object["name"].asString() + " appears");
                 Json::Value message(Json::objectValue);
                 message["msg"] = "device_added";
@@ -637,7 +813,7 @@ void Service::startTimeline() {
                     else
                         d.object[key] = d.changeTo[key];
                 }
-                devicesCache.clear();
+                devicesCache.reset();
                 message["to"] = d.object;
                 log("device " + d.object["name"].asString() + " changes");
                 broadcast(message);
@@ -654,7 +830,7 @@ void Service::startTimeline() {
                 message["device"] = d.object;
                 broadcast(message);
                 d.hidden = true;
-                devicesCache.clear();
+                devicesCache.reset();
             });
         }
     }

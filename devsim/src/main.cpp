@@ -24,6 +24,11 @@ const char* const kUsage = "Usage: devsim [options]\n"
                            "  --tick-ms=N           Milliseconds between progress events (default 200; 0 = no pause)\n"
                            "  --progress-steps=N    Progress events per job, the last being Done (default 10)\n"
                            "  --record=FILE         Append every frame received from any client to FILE, verbatim\n"
+                           "  --max-clients=N       Serve at most N clients at once; refuse more with HTTP 503 (default 32)\n"
+                           "  --max-unwritten=N     Cut off a client that would have more than N bytes sent to it and\n"
+                           "                        not yet written, counting 256 more per frame (default 67108864)\n"
+                           "  --max-message=N       Close a client that sends a message over N bytes with code 1009\n"
+                           "                        (default 16777216)\n"
                            "  --help, -h            Show this text\n"
                            "\n"
                            "Faults, counted per client in protocol messages sent to it:\n"
@@ -49,10 +54,11 @@ bool takeValue(const std::string& arg, const std::string& option, std::string& v
     return true;
 }
 
-unsigned long toNumber(const std::string& option, const std::string& text, unsigned long max) {
+unsigned long toNumber(const std::string& option, const std::string& text, unsigned long max, unsigned long min = 0) {
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10 ||
-        std::stoull(text) > max) {
-        std::cerr << "devsim: " << option << " needs a whole number up to " << max << "\n";
+        std::stoull(text) > max || std::stoull(text) < min) {
+        std::cerr << "devsim: " << option << " needs a whole number " << (min ? "from 1 " : "") << "up to " << max
+                  << "\n";
         std::exit(2);
     }
     return std::stoul(text);
@@ -78,6 +84,7 @@ int main(int argc, char** argv) {
     std::string fleetFile, portFile;
     long generate = -1;
     const unsigned long kMaxCount = std::numeric_limits<int>::max();
+    const unsigned long kMaxBytes = 4000000000;
 
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i], value;
@@ -102,6 +109,12 @@ int main(int argc, char** argv) {
                 std::cerr << "devsim: --progress-steps must be at least 1\n";
                 return 2;
             }
+        } else if (takeValue(arg, "--max-clients", value)) {
+            options.maxClients = toNumber("--max-clients", value, 1000000, 1);
+        } else if (takeValue(arg, "--max-unwritten", value)) {
+            options.maxUnwritten = toNumber("--max-unwritten", value, kMaxBytes, 1);
+        } else if (takeValue(arg, "--max-message", value)) {
+            options.maxMessage = toNumber("--max-message", value, kMaxBytes, 1);
         } else if (takeValue(arg, "--record", value)) {
             options.recordFile = value;
         } else if (takeValue(arg, "--close-after", value)) {
