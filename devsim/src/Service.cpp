@@ -56,7 +56,12 @@ constexpr std::size_t kFrameCost = 256;
 std::size_t utf8At(const std::string& text, std::size_t at, char32_t& point) {
     const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char lead = byte(at);
-    const std::size_t length = lead < 0x80 ? 1 : lead < 0xc2 ? 0 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : lead < 0xf5 ? 4 : 0;
+    const std::size_t length = lead < 0x80   ? 1
+                               : lead < 0xc2 ? 0
+                               : lead < 0xe0 ? 2
+                               : lead < 0xf0 ? 3
+                               : lead < 0xf5 ? 4
+                                             : 0;
     if (length == 0 || at + length > text.size())
         return 0;
     point = length == 1 ? lead : lead & (0x7f >> length);

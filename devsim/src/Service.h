@@ -39,9 +39,9 @@ struct Options {
     bool binary = false;
     // Limits, as a real service has them. The defaults never stop the tool's largest run: a
     // device list of 32,000,000 bytes with a reboot of every device, every answer read.
-    std::size_t maxClients = 32;               // open connections; more are refused with HTTP 503
-    std::size_t maxUnwritten = 64u << 20;      // bytes handed to one client and not yet written
-    std::size_t maxMessage = 16u << 20;        // bytes of one message from a client
+    std::size_t maxClients = 32;          // open connections; more are refused with HTTP 503
+    std::size_t maxUnwritten = 64u << 20; // bytes handed to one client and not yet written
+    std::size_t maxMessage = 16u << 20;   // bytes of one message from a client
 };
 
 class Service {
@@ -64,7 +64,6 @@ public:
     void handleFrame(Hdl hdl, const std::string& payload, bool binary);
 
 private:
-
     // The frames handed to a connection that it has not finished writing. The connection
     // lets go of a frame only once its write has completed (or the connection is gone);
     // its send buffer empties earlier, when a batch is handed to the socket.
@@ -81,17 +80,17 @@ private:
         std::string peer;
         long sent = 0;
         bool muted = false;
-        bool closing = false;  // a close or a drop is under way: nothing more is sent
-        std::string closedBy;  // why devsim ended the connection, when it did
+        bool closing = false; // a close or a drop is under way: nothing more is sent
+        std::string closedBy; // why devsim ended the connection, when it did
         bool garbageDone = false;
         bool oversizeDone = false;
         bool notObjectDone = false;
         bool deepDone = false;
         bool pauseDue = false;                         // a message went out since reading last paused
         std::shared_ptr<asio::steady_timer> readPause; // resumes reading once it expires
-        bool faultPaused = false; // reading waits for readPause
-        bool backedUp = false;    // reading waits for the unwritten bytes to fall
-        bool readingHeld = false; // the connection reads nothing for either reason
+        bool faultPaused = false;                      // reading waits for readPause
+        bool backedUp = false;                         // reading waits for the unwritten bytes to fall
+        bool readingHeld = false;                      // the connection reads nothing for either reason
         std::shared_ptr<Unwritten> unwritten = std::make_shared<Unwritten>();
     };
 

@@ -2,6 +2,7 @@
 
 import json
 import signal
+import socket
 import subprocess
 import unittest
 
@@ -15,6 +16,23 @@ def exchange(port, requests, count=0):
         for request in requests:
             ws.send(request)
         return got + [ws.message() for _ in range(count)]
+
+
+def frame(payload, opcode=1, size=None):
+    """A frame masked with a zero key, claiming `size` bytes of payload when that is given."""
+    size = len(payload) if size is None else size
+    length = [size] if size < 126 else [254] + list(size.to_bytes(2, "big")) if size < 65536 else [255] + list(
+        size.to_bytes(8, "big"))
+    return bytes([0x80 | opcode, 0x80 | length[0]] + length[1:]) + bytes(4) + payload
+
+
+def memory(sim, key):
+    """devsim's VmRSS or VmHWM in bytes; None where there is no /proc."""
+    try:
+        with open("/proc/%d/status" % sim.proc.pid) as f:
+            return next(int(line.split()[1]) * 1024 for line in f if line.startswith(key + ":"))
+    except FileNotFoundError:
+        return None
 
 
 def brief(message):
@@ -130,6 +148,71 @@ class Service(Journey):
         self.assertEqual(stopped.proc.wait(TIMEOUT), 0)
 
 
+    def test_no_client_stops_devsim_or_takes_it_past_its_limits(self):
+        """Each row's hostile clients stay connected while another client is served; devsim's peak memory stays
+        within its limits of 2 MB unwritten per client and 1 MB per message (without them, the slow reader took it
+        17 MB higher and the flood 40 MB)."""
+        reboot, big = json.dumps({"msg": "reboot", "device": "n1"}).encode(), "x" * 100000
+        small, fleet = self.fleet, "--fleet=" + self.write("big.json", json.dumps([{"name": "n1", "pad": big}]))
+        forged = "a\ndevsim: client 9 gone (x)\x1b[2J\u2028"
+
+        def sender(port, *frames, answered=True):  # sends raw frames; a parsed reboot after them is still answered
+            ws = WebSocket(port)
+            ws.sock.sendall(b"".join(frames) + (frame(reboot) if answered else b""))
+            if answered:
+                self.assertEqual(ws.message()["msg"], "devices")
+                self.assertEqual(ws.message()["msg"], "device_removed")
+            return [ws]
+
+        def slow_reader(port):  # never reads while another client reboots the 100 kB device 100 times
+            idle, busy = WebSocket(port), WebSocket(port)
+            busy.message()
+            for _ in range(100):
+                busy.sock.sendall(frame(reboot))
+                busy.message(), busy.message()
+            return [idle, busy]
+
+        def flood(port):  # 200 reboots of the 100 kB device at once, nothing read: 40 MB of news for it alone
+            ws = WebSocket(port)
+            ws.sock.sendall(frame(reboot) * 200)
+            return [ws]
+
+        def crowd(port):  # the cap is 3 clients: a fourth is refused until one leaves
+            held = [WebSocket(port) for _ in range(3)]
+            self.assertRaisesRegex(ConnectionError, "refused", WebSocket, port)
+            held[0].sock.shutdown(socket.SHUT_WR)
+            return held
+
+        # devsim's options, the hostile clients (kept open while the next client is served), lines devsim logs.
+        table = [
+            ((small,), lambda port: sender(port, frame(b"[" * 1001 + b"]" * 1001)),
+             ["ignoring a frame that is not JSON (Exceeded stackLimit in readValue().)"]),
+            ((small,), lambda port: sender(port, frame(b"x", size=1000001), answered=False),
+             ["gone (closed by devsim: code 1009, A message was too large)"]),
+            ((small,), lambda port: sender(port, frame(b"x" * 999999, size=1000000), answered=False), []),
+            ((small,), lambda port: sender(port, frame(reboot, opcode=2)), ["ignoring a binary frame of 33 bytes"]),
+            ((fleet,), slow_reader, ["cut off, it reads too slowly", "gone (closed by devsim: more than 2000000 bytes"]),
+            ((fleet,), flood, ["reboot n1"]),
+            ((small,), lambda port: sender(port, frame(json.dumps({"msg": "reboot", "device": forged}).encode())),
+             ['reboot of unknown device "a\\x0adevsim: client 9 gone (x)\\x1b[2J\\u2028" ignored']),
+            ((small, "--max-clients=3"), crowd, ["refusing a connection from 127.0.0.1:", "gone (ended normally: end of s"]),
+        ]
+        for args, hostile, logged in table:
+            with self.subTest(hostile=hostile.__name__, args=args, logged=logged[:1]):
+                sim = self.sim("--max-unwritten=2000000", "--max-message=1000000", *args)
+                start, held = memory(sim, "VmRSS"), hostile(sim.port)
+                sim.wait_for(lambda: all(line in slurp(sim.log_path) for line in logged), "logging %s" % logged)
+                with WebSocket(sim.port) as ws:
+                    name = ws.message()["devices"][0]["name"]
+                    ws.send({"msg": "reboot", "device": name})
+                    self.assertEqual(brief(ws.message()), "device_removed " + name)
+                if start is not None:
+                    self.assertLess(memory(sim, "VmHWM") - start, 8000000)
+                self.assertEqual([line[:8] for line in slurp(sim.log_path).splitlines() if line[:8] != "devsim: "], [])
+                for ws in held:
+                    ws.__exit__()
+
+
 class CommandLine(Journey):
     def test_it_says_where_it_listens_in_one_line(self):
         port_file = self.folder + "/port"
@@ -150,6 +233,7 @@ class CommandLine(Journey):
             (["--tick-ms="], 2, "devsim: --tick-ms needs a whole number up to 3600000"),
             (["--close-after=99999999999"], 2, "devsim: --close-after needs a whole number up to 2147483647"),
             (["--progress-steps=0"], 2, "devsim: --progress-steps must be at least 1"),
+            (["--max-clients=0"], 2, "devsim: --max-clients needs a whole number from 1 up to 1000000"),
             (["--fleet=f.json", "--generate-fleet=1"], 2, "devsim: --fleet and --generate-fleet exclude each other"),
             (["--fleet=/nonexistent/f.json"], 1, "devsim: cannot open fleet file /nonexistent/f.json"),
             (["--record=/nonexistent/r"], 1, "devsim: cannot open record file /nonexistent/r"),
