@@ -128,7 +128,7 @@ build-sanitize: configure-sanitize
 test-sanitize: build-sanitize
 	cd $(ASAN_BUILD) && $(SANITIZER_ENV) ctest --output-on-failure -j $(JOBS) -E '$(ONCE_ONLY)'
 
-FUZZ_TARGETS := fuzz_receive
+FUZZ_TARGETS := fuzz_receive fuzz_service
 FUZZ_TIME    ?= 30
 FUZZ_SCRATCH ?= $(ASAN_BUILD)/scratch
 

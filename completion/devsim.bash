@@ -9,7 +9,8 @@ _devsim()
 
     if ! $split; then
         COMPREPLY=($(compgen -W '--port= --port-file= --fleet= --generate-fleet= --tick-ms=
-            --progress-steps= --record= --close-after= --garbage-after=
+            --progress-steps= --record= --max-clients= --max-unwritten= --max-message=
+            --close-after= --garbage-after=
             --mute-after= --oversize-after= --not-object-after= --deep-after=
             --drop-after= --reset-after= --pause-reading-ms= --binary --help' -- "$cur"))
         # compopt came with bash 4; bash 3.2 adds the space.
