@@ -57,8 +57,9 @@ with tempfile.TemporaryDirectory() as folder:
     try:
         if case in ("idle20", "largest"):
             held = [WebSocket(sim.port) for _ in range(20 if case == "idle20" else 0)]
-            run = subprocess.run([os.path.join(build, "cli", "devupdate"), "--port=%d" % sim.port, "--list", "--reboot"],
-                                 stdout=subprocess.DEVNULL, timeout=600)
+            tool = os.path.join(build, "cli", "devupdate")
+            run = subprocess.run([tool, "--port=%d" % sim.port, "--list", "--reboot"], stdout=subprocess.DEVNULL,
+                                 timeout=600)
             print("devupdate --list --reboot: exit status %d" % run.returncode)
             if case == "largest":
                 names = [line.split('"')[3] for line in sim.frames().splitlines()]
