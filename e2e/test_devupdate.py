@@ -42,6 +42,7 @@ RECOVERY = [dict(fleet(1)[0], name="dock-controller-03", isSafeModeDevice=True, 
             dict(fleet(1)[0], name="yard-gw-07", isSafeModeDevice=True, safeModeVersion=1), fleet(1)[0]]
 BIG = "big-" + "x" * 8000000  # larger than what the sockets buffer while the service does not read
 EVERY = {"devsim": (), "raw": {}, "websockets": {}}
+BUSY = 60  # seconds; a bound for the larger runs, which take a few on a machine that is busy elsewhere
 
 
 def reboots(devices):
@@ -102,9 +103,9 @@ class Table:
                 continue
             with self.subTest(name):
                 service = self.serve(devices, how[self.peer])
-                got, code, errors = self.tool("--port=%d" % service.port, *args)
+                got, code, errors = self.tool("--port=%d" % service.port, *args, timeout=BUSY)
                 self.assertEqual((got, code), (output, status))
-                read = service.frames()
+                read = service.frames(timeout=BUSY)
                 # A service that resets reads what came before it cut; devsim, all it had taken from the socket.
                 self.assertEqual(read if status == 0 else read[:len(frames)], frames.replace("{folder}", self.folder))
                 if status == 0:

@@ -178,7 +178,7 @@ class Journey(unittest.TestCase):
         self.addCleanup(lambda: self.assertEqual(sim.stop(), 0, "devsim did not stop cleanly"))
         return sim
 
-    def tool(self, *args):
+    def tool(self, *args, timeout=TIMEOUT):
         """Runs devupdate to its end: its standard output, exit status and standard error."""
-        done = subprocess.run([DEVUPDATE, *args], cwd=self.folder, capture_output=True, timeout=TIMEOUT)
+        done = subprocess.run([DEVUPDATE, *args], cwd=self.folder, capture_output=True, timeout=timeout)
         return done.stdout.decode(), done.returncode, done.stderr.decode()
