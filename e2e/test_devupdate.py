@@ -1,4 +1,5 @@
-"""The built devupdate: its command line, and against devsim over real sockets what only they show; literal output."""
+"""The built devupdate: its command line, and over real sockets what only they show, against devsim and against
+peers on other stacks; literal output."""
 
 import json
 import os
@@ -76,7 +77,8 @@ def table():
          {"devsim": ("--pause-reading-ms=500",), "raw": {"pause": 0.005}},
          "Found[Normal]:   %s,?,?,?\n" % BIG, 0, REBOOT % BIG, []),
         ("reset after %d of 5,000 reboots" % cut, many, ("--list", "--reboot"),
-         {"devsim": ("--reset-after=%d" % (2 * cut + 1),), "raw": {"reset_after": cut}, "websockets": {"reset_after": cut}},
+         {"devsim": ("--reset-after=%d" % (2 * cut + 1),),  # its messages: the list, then two per reboot
+          "raw": {"reset_after": cut}, "websockets": {"reset_after": cut}},
          listing(5000)[0], 1, reboots(many[:cut]), []),
         ("the list in four frames, pings before and amid them", fleet(300), ("--list",),
          {"raw": {"fragments": 4}, "websockets": {"fragments": 4}}, listing(300)[0], 0, "", [b"before", b"during"]),
