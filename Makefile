@@ -6,13 +6,13 @@ JOBS  ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu 2>/dev/null || echo 2)
 # The builds below are make runs of their own: no "Entering directory" around each.
 MAKEFLAGS += --no-print-directory
 
-# Debian packages the build, the tests (python3 runs the end-to-end journeys, mandoc,
-# groff and man lint the man pages, bash-completion, zsh and fish run the completions,
-# ansible-core and ansible-lint test the Ansible collection, clang-format checks the house
-# style) and the demo need.
-PACKAGES := g++ cmake make pkg-config python3 libasio-dev libwebsocketpp-dev libjsoncpp-dev libgtest-dev \
-            libgmock-dev mandoc groff-base man-db bash-completion zsh fish ansible-core ansible-lint \
-            clang-format
+# Debian packages the build, the tests (python3 runs the end-to-end journeys, python3-websockets
+# serves them as a service on another WebSocket stack would, mandoc, groff and man lint the
+# man pages, bash-completion, zsh and fish run the completions, ansible-core and ansible-lint
+# test the Ansible collection, clang-format checks the house style) and the demo need.
+PACKAGES := g++ cmake make pkg-config python3 python3-websockets libasio-dev libwebsocketpp-dev libjsoncpp-dev \
+            libgtest-dev libgmock-dev mandoc groff-base man-db bash-completion zsh fish ansible-core \
+            ansible-lint clang-format
 # The same for a Mac with Homebrew (python3, zsh and bash come with macOS). Its asio is
 # newer than websocketpp allows: see docs/macos.md for the one to use.
 BREW_PACKAGES := cmake pkgconf jsoncpp websocketpp googletest mandoc groff bash-completion fish \

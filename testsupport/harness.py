@@ -75,13 +75,67 @@ class Devsim:
             raise
 
 
-class WebSocket:
+class Frames:
+    """WebSocket frames written out by hand over `sock`, read through `stream` (anything with read and
+    readline): what the bare client below and the raw peer in peers.py share."""
+
+    def __init__(self, sock, stream, client):
+        self.sock, self.stream, self.mask = sock, stream, client
+
+    def read_line(self):
+        line = self.stream.readline()
+        if not line.endswith(b"\n"):
+            raise ConnectionError("the connection ended mid-handshake")
+        return line
+
+    def read(self, size):
+        data = self.stream.read(size)
+        if len(data) < size:
+            raise ConnectionError("the connection ended mid-frame")
+        return data
+
+    def head(self):
+        """The next frame's opcode, payload length and mask bit; its payload (after any masking key) is
+        next to read."""
+        first, second = self.read(2)
+        size = second & 127
+        size = int.from_bytes(self.read(2 if size == 126 else 8), "big") if size > 125 else size
+        return first & 15, size, second & 128
+
+    def header(self):
+        """The next frame's opcode and payload length."""
+        return self.head()[:2]
+
+    def frame(self):
+        """The next frame's opcode and payload, unmasked."""
+        opcode, size, masked = self.head()
+        key = self.read(4) if masked else bytes(4)
+        payload = self.read(size)
+        if any(key):
+            mask = int.from_bytes((key * (size // 4 + 1))[:size], "big")
+            payload = (int.from_bytes(payload, "big") ^ mask).to_bytes(size, "big")
+        return opcode, payload
+
+    def send_frame(self, opcode, data, fin=True):
+        """One frame; a client's carry a zero masking key, which leaves the payload as it is."""
+        size = len(data)
+        length = bytes([size]) if size < 126 else \
+            b"\x7e" + size.to_bytes(2, "big") if size < 65536 else b"\x7f" + size.to_bytes(8, "big")
+        self.sock.sendall(bytes([fin << 7 | opcode, self.mask << 7 | length[0]]) + length[1:] +
+                          bytes(4 if self.mask else 0) + data)
+
+    def send(self, message):
+        """Sends a text frame: `message` as JSON, or a str as it is."""
+        self.send_frame(1, (message if isinstance(message, str) else json.dumps(message)).encode())
+
+
+class WebSocket(Frames):
     """A client written out by hand, for what no client library would send or show: frames go out
     masked with a zero key; every frame read is returned as it came."""
 
     def __init__(self, port, timeout=TIMEOUT):
-        self.sock = socket.create_connection(("127.0.0.1", port), timeout)
-        self.stream = self.sock.makefile("rb")
+        sock = socket.create_connection(("127.0.0.1", port), timeout)
+        super().__init__(sock, sock.makefile("rb"), client=True)
         self.sock.sendall(b"GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
                           b"Sec-WebSocket-Key: AAAAAAAAAAAAAAAAAAAAAA==\r\nSec-WebSocket-Version: 13\r\n\r\n")
         if not self.stream.readline().startswith(b"HTTP/1.1 101 "):
@@ -96,41 +150,12 @@ class WebSocket:
         self.stream.close()
         self.sock.close()
 
-    def read_line(self):
-        line = self.stream.readline()
-        if not line.endswith(b"\n"):
-            raise ConnectionError("the service ended the connection mid-handshake")
-        return line
-
-    def read(self, size):
-        data = self.stream.read(size)
-        if len(data) < size:
-            raise ConnectionError("the service ended the connection mid-frame")
-        return data
-
-    def header(self):
-        """The next frame's opcode and payload length; its payload is next to read."""
-        first, second = self.read(2)
-        size = second & 127
-        return first & 15, int.from_bytes(self.read(2 if size == 126 else 8), "big") if size > 125 else size
-
-    def frame(self):
-        """The next frame's opcode and payload."""
-        opcode, size = self.header()
-        return opcode, self.read(size)
-
     def message(self):
         """The next message, decoded; raises when the service closes instead."""
         opcode, payload = self.frame()
         if opcode == 8:
             raise ConnectionError("the service closed the connection: %r" % payload)
         return json.loads(payload)
-
-    def send(self, message):
-        """Sends a text frame: `message` as JSON, or a str as it is."""
-        data = (message if isinstance(message, str) else json.dumps(message)).encode()
-        length = bytes([0x80 | len(data)]) if len(data) < 126 else b"\xfe" + len(data).to_bytes(2, "big")
-        self.sock.sendall(b"\x81" + length + bytes(4) + data)
 
 
 class Journey(unittest.TestCase):
@@ -153,7 +178,7 @@ class Journey(unittest.TestCase):
         self.addCleanup(lambda: self.assertEqual(sim.stop(), 0, "devsim did not stop cleanly"))
         return sim
 
-    def tool(self, *args):
+    def tool(self, *args, timeout=TIMEOUT):
         """Runs devupdate to its end: its standard output, exit status and standard error."""
-        done = subprocess.run([DEVUPDATE, *args], cwd=self.folder, capture_output=True, timeout=TIMEOUT)
+        done = subprocess.run([DEVUPDATE, *args], cwd=self.folder, capture_output=True, timeout=timeout)
         return done.stdout.decode(), done.returncode, done.stderr.decode()
