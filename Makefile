@@ -71,10 +71,11 @@ bench: build
 	$(BUILD)/bench/devupdate_bench
 	python3 bench/throughput.py --build=$(BUILD) --runs=3 list-10000 storm-20000 live-2000
 
-# `make install PREFIX=/usr DESTDIR=/tmp/root` stages an install as a package would.
+# `make install PREFIX=/usr DESTDIR=/tmp/root` stages an install as a package would. Into a
+# folder the user cannot write to, nothing is installed and the message says what to run.
 PREFIX ?= /usr/local
 install: build
-	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
+	DESTDIR="$(DESTDIR)" sh cmake/install.sh $(BUILD) "$(PREFIX)"
 
 # Two .deb files in $(BUILD): devupdate and devsim. dpkg-shlibdeps (dpkg-dev) finds
 # their dependencies, with the help of file; lintian and hardening-check (devscripts)

@@ -2,7 +2,7 @@
 # The installed tools (file list, man pages, completion in bash, zsh and fish) in staged
 # installs of the build tree (STAGE as a package, prefix /usr; STAGE.local as `make install`,
 # prefix /usr/local), and the packages.
-# Usage: test_install.sh BUILD STAGE stage|files|man|completion|zsh|fish|found|package|reproducible
+# Usage: test_install.sh BUILD STAGE stage|files|man|completion|zsh|fish|found|refused|package|reproducible
 set -euo pipefail
 src=$(cd "$(dirname "$0")/.." && pwd) space=' '
 mkdir -p "$2"  # absolute paths without GNU realpath -m
@@ -233,6 +233,19 @@ EOF
             [[ $shell == z ]] && compare 1- || compare 1,3-
         done
     done ;;
+refused)
+    # `make install` where one folder cannot be written to (read-only to root too, in a mount namespace of its
+    # own): nothing is installed, and the message says what to run.
+    mkdir -p "$tmp/root/usr/local/share/man" && chmod a-w "$tmp/root/usr/local/share/man"
+    run=(env DESTDIR="$tmp/root" sh "$src/cmake/install.sh" "$build" /usr/local)
+    [[ $(id -u) != 0 ]] ||
+        run=(unshare -m sh -c 'mount --bind "$0" "$0" && mount -o remount,bind,ro "$0" && exec "$@"' \
+            "$tmp/root/usr/local/share/man" "${run[@]}")
+    ! "${run[@]}" >"$tmp/out" 2>&1 || fail "installed into a read-only folder"
+    grep -q 'cannot write to .*/usr/local/share/man; nothing was installed' "$tmp/out" &&
+        grep -qF 'sudo make install' "$tmp/out" || fail "make install said: $(<"$tmp/out")"
+    [[ -z $(find "$tmp/root" ! -type d) ]] || fail "installed in part: $(find "$tmp/root" ! -type d)"
+    chmod -R u+w "$tmp/root" ;;
 package)
     # hardening-check cannot find control-flow protection where the C library's start
     # files lack it (Debian 12's do): no program linked with them can carry the mark.
