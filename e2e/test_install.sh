@@ -18,6 +18,11 @@ mkdir "$HOME"
 # bash-completion (1 and 2) and zsh, and macOS's own zsh, read.
 bashdir=usr/share/bash-completion/completions zshdir=usr/share/zsh/vendor-completions
 [[ $(uname) != Darwin ]] || bashdir=usr/etc/bash_completion.d zshdir=usr/share/zsh/site-functions
+# make install's prefix, where the shells look: /usr/local, or on macOS Homebrew's. The completion tables run
+# against the package's layout, or on macOS (no packages) against make install's.
+lprefix=/usr/local layouts=("$ulocal $lprefix" "$stage /usr")
+[[ $(uname) != Darwin ]] || lprefix=$(brew --prefix) layouts=("$ulocal $lprefix")
+read -r troot tprefix <<<"${layouts[${#layouts[@]} - 1]}"
 # What an install holds, under the prefix /usr; everything of devsim's has its name.
 want=$(printf '%s\n' usr/bin/{devsim,devupdate} usr/share/man/man1/{devsim,devupdate}.1.gz \
     $bashdir/{devsim,devupdate} $zshdir/_{devsim,devupdate} \
@@ -168,7 +173,7 @@ case $3 in
 stage)
     rm -rf "$stage" "$ulocal"
     DESTDIR=$stage cmake --install "$build" --prefix /usr >/dev/null
-    DESTDIR=$ulocal cmake --install "$build" --prefix /usr/local >/dev/null ;;
+    DESTDIR=$ulocal cmake --install "$build" --prefix "$lprefix" >/dev/null ;;
 files)
     got=$(cd "$stage" && find . ! -type d | sed 's|^\./||' | LC_ALL=C sort)
     [[ $got == "$want" ]] || fail "installed files:"$'\n'"$(diff <(echo "$want") <(echo "$got"))"
@@ -196,7 +201,7 @@ man)
     run_doc devsim/README.md '0 0' ;;
 completion)
     services b
-    complete_bash "$stage" /usr <table >got
+    complete_bash "$troot" "$tprefix" <table >got
     compare 1,3-
     # macOS has bash 3.2 and bash-completion 1.3, and no timeout(1): none of what came later (associative arrays,
     # case conversion, mapfile, readarray, coproc, ;;& and ;&, |& and &>>, negative indices, $EPOCH*, wait -n,
@@ -208,29 +213,25 @@ completion)
         fail "the bash completions use what bash 3.2 lacks (above)" ;;
 zsh)
     services z
-    complete_zsh "$stage" <table >got
+    complete_zsh "$troot" <table >got
     compare 1- ;;
 fish)
     services f
-    complete_fish "$stage" <table >got
+    complete_fish "$troot" <table >got
     compare 1,3- ;;
 found)
-    # A new shell finds both tools' completions in either layout.
-    for layout in "$stage /usr" "$ulocal /usr/local"; do
-        set -- $layout
-        mkdir -p "$tmp/$2" && cd "$tmp/$2"
-        for shell in b z f; do
-            sed -n "s/^[a-z]*$shell[a-z]*|//p" >table <<EOF
+    # A new shell of each kind finds both tools' completions in each layout.
+    for layout in "${layouts[@]}"; do
+        read -r root prefix <<<"$layout"
+        mkdir -p "$tmp/$prefix" && cd "$tmp/$prefix"
+        for shell in bash zsh fish; do
+            sed -n "s/^[a-z]*${shell:0:1}[a-z]*|//p" >table <<EOF
 bzf|devupdate --li|devupdate --list${space}|--list
 b|devsim --po|devsim --port|--port-file=|--port=
 zf|devsim --po|devsim --port|--port|--port-file
 EOF
-            case $shell in
-            b) (complete_bash "$@") ;;
-            z) complete_zsh "$1" ;;
-            f) complete_fish "$1" ;;
-            esac <table >got
-            [[ $shell == z ]] && compare 1- || compare 1,3-
+            (complete_$shell "$root" "$prefix") <table >got
+            [[ $shell == zsh ]] && compare 1- || compare 1,3-
         done
     done ;;
 refused)
