@@ -8,8 +8,8 @@ build=$1 prefix=$2
 trial=$(mktemp -d)
 trap 'rm -rf "$trial"' EXIT
 DESTDIR=$trial cmake --install "$build" --prefix "$prefix" >/dev/null
-blocked=$(cd "$trial" && find . ! -type d | while IFS= read -r file; do
-    target=${DESTDIR:-}/${file#./} dir=$(dirname "${DESTDIR:-}/${file#./}")
+blocked=$(find "$trial" ! -type d | while IFS= read -r file; do
+    target=${DESTDIR:-}${file#"$trial"} dir=$(dirname "${DESTDIR:-}${file#"$trial"}")
     until [ -e "$dir" ]; do dir=$(dirname "$dir"); done
     if [ -e "$target" ] && [ ! -w "$target" ]; then echo "$target"
     elif [ ! -w "$dir" ]; then echo "$dir"
