@@ -51,10 +51,15 @@ deps:
 	  fi; \
 	fi
 
+# In CI (CI=true, as CI services set it) every build stops at a compiler warning; the
+# configure step is run again so that a build folder configured before gets the setting too.
+WERROR := $(if $(filter true 1 yes,$(CI)),-DCMAKE_COMPILE_WARNING_AS_ERROR=ON)
+
 $(BUILD)/CMakeCache.txt:
-	cmake -S . -B $(BUILD)
+	cmake -S . -B $(BUILD) $(WERROR)
 
 build: deps $(BUILD)/CMakeCache.txt
+	$(if $(WERROR),cmake -S . -B $(BUILD) $(WERROR) >/dev/null)
 	cmake --build $(BUILD) -j $(JOBS)
 
 test: build
@@ -71,10 +76,11 @@ bench: build
 	$(BUILD)/bench/devupdate_bench
 	python3 bench/throughput.py --build=$(BUILD) --runs=3 list-10000 storm-20000 live-2000
 
-# `make install PREFIX=/usr DESTDIR=/tmp/root` stages an install as a package would.
+# `make install PREFIX=/usr DESTDIR=/tmp/root` stages an install as a package would. Into a
+# folder the user cannot write to, nothing is installed and the message says what to run.
 PREFIX ?= /usr/local
 install: build
-	DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)"
+	DESTDIR="$(DESTDIR)" sh cmake/install.sh $(BUILD) "$(PREFIX)"
 
 # Two .deb files in $(BUILD): devupdate and devsim. dpkg-shlibdeps (dpkg-dev) finds
 # their dependencies, with the help of file; lintian and hardening-check (devscripts)
@@ -118,7 +124,7 @@ clang-deps:
 # and folders added since the last call join the build.
 configure-sanitize: clang-deps
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DDEVUPDATE_SANITIZE=ON -DDEVUPDATE_FUZZ=ON \
-	  -DCMAKE_DISABLE_FIND_PACKAGE_jsoncpp=ON
+	  -DCMAKE_DISABLE_FIND_PACKAGE_jsoncpp=ON $(WERROR)
 	@grep -q '^pkgcfg_lib_JSONCPP_jsoncpp:FILEPATH=/' $(ASAN_BUILD)/CMakeCache.txt || \
 	  { echo "$(ASAN_BUILD): jsoncpp was not found through pkg-config" >&2; exit 1; }
 
@@ -153,5 +159,5 @@ LIBCXX_BUILD ?= build-libcxx
 # Debian's jsoncpp is built for libstdc++, so nothing here links against it.
 check-libcxx: clang-deps
 	cmake -S . -B $(LIBCXX_BUILD) -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_CXX_FLAGS=-stdlib=libc++ \
-	  -DBUILD_TESTING=OFF
+	  -DBUILD_TESTING=OFF $(WERROR)
 	cmake --build $(LIBCXX_BUILD) -j $(JOBS) --target devupdate_core devupdate_main

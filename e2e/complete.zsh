@@ -1,12 +1,16 @@
-# zsh -f complete.zsh FPATH_DIR FILE TEXT <LINES: types each line and Tab into a real
-# interactive zsh that loads its completions from FPATH_DIR, and prints for each the line, the
-# line after Tab and what was offered (bytewise sorted, each once), "|" between them. compadd
-# is wrapped to record every match as it is added. FILE exists while a line holding TEXT is
-# completed, and only then.
+# zsh -f complete.zsh ROOT FILE TEXT <LINES: types each line and Tab into a real interactive
+# zsh whose completion system finds its functions as it does for its user, in the default
+# $fpath, but taken under ROOT first (a staged install; folders of the default $fpath that
+# hold a devupdate or devsim completion are left out, so that only ROOT's can be found). It
+# prints for each line the line, the line after Tab and what was offered (bytewise sorted,
+# each once), "|" between them. compadd is wrapped to record every match as it is added. FILE
+# exists while a line holding TEXT is completed, and only then.
 zmodload zsh/zpty
 zpty -b z zsh -f -i
 LC_ALL=C  # here only, for the sorting: the interactive zsh keeps the caller's locale
-zpty -w z "PS1= PROMPT_EOL_MARK=; fpath=(${(q)1} \$fpath); autoload -Uz compinit; compinit -u -D"
+zpty -w z "PS1= PROMPT_EOL_MARK=; root=${(q)1}"
+zpty -w z 'own=(); for d in $fpath; do [[ -e $d/_devupdate || -e $d/_devsim ]] || own+=($d); done'
+zpty -w z 'fpath=(${fpath/#\//$root/} $own); autoload -Uz compinit; compinit -u -D'
 zpty -w z 'unsetopt beep auto_list auto_menu list_ambiguous; bindkey "^I" complete-word; typeset -ga offered'
 zpty -w z 'compadd() { local -a seen; (( ${@[(I)-[OAD]*]} )) || builtin compadd -O seen "$@"; offered+=($seen); builtin compadd "$@" }'
 # The markers are written as escapes so that the echo of this definition does not match.

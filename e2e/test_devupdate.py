@@ -5,6 +5,7 @@ import json
 import os
 import re
 import select
+import signal
 import socket
 import subprocess
 import time
@@ -131,6 +132,16 @@ class OnWebsockets(Table, Journey):
 
 
 class Journeys(Journey):
+    def test_a_closed_output_pipe_ends_a_list_reboot_run_before_any_reboot(self):
+        # Like `| head -1`: more lines than a pipe holds, and the reader gone after the first.
+        sim = self.sim("--generate-fleet=3000")
+        tool = subprocess.Popen([DEVUPDATE, "--port=%d" % sim.port, "--list", "--reboot"], cwd=self.folder,
+                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.assertEqual(tool.stdout.readline().decode(), listing(1)[0])
+        tool.stdout.close()
+        self.assertEqual(tool.wait(TIMEOUT), -signal.SIGPIPE)
+        self.assertNotIn("reboot", sim.frames())
+
     def test_a_run_that_sent_nothing_does_not_wait_for_the_service_to_close(self):
         sim = self.sim("--generate-fleet=4", "--pause-reading-ms=3000")  # long deaf to the tool's end of stream
         self.assertEqual(self.tool("--port=%d" % sim.port, "--list"), (listing(4)[0], 0, ""))

@@ -1,18 +1,28 @@
 #!/usr/bin/env bash
-# The installed tools (file list, man pages, completion in bash, zsh and fish) in a staged
-# install of the build tree, and the packages.
-# Usage: test_install.sh BUILD STAGE stage|files|man|completion|zsh|fish|package|reproducible
+# The installed tools (file list, man pages, completion in bash, zsh and fish) in staged
+# installs of the build tree (STAGE as a package, prefix /usr; STAGE.local as `make install`,
+# prefix /usr/local), and the packages.
+# Usage: test_install.sh BUILD STAGE stage|files|man|completion|zsh|fish|found|refused|package|reproducible
 set -euo pipefail
 src=$(cd "$(dirname "$0")/.." && pwd) space=' '
 mkdir -p "$2"  # absolute paths without GNU realpath -m
 build=$(cd "$1" && pwd -P) stage=$(cd "$2" && pwd -P) tmp=$(mktemp -d)
-bin=$stage/usr/bin served=0 PATH=$bin:$PATH  # the installed tools first
+ulocal=$stage.local bin=$stage/usr/bin served=0 PATH=$bin:$PATH  # the installed tools first
 trap 'kill $(jobs -p) 2>/dev/null || true; rm -rf "$tmp"' EXIT
 fail() { printf 'FAIL: %s\n' "$*" >&2; exit 1; }
-# The completions go where the shells look: Debian's folders, or on macOS those that
-# Homebrew's bash-completion (1 and 2) and zsh, and macOS's own zsh, read.
+# Whatever the shells, man and the packaging tools keep goes here, not into the user's home.
+export HOME=$tmp/home XDG_CONFIG_HOME=$tmp/home/.config XDG_DATA_HOME=$tmp/home/.local/share \
+    XDG_STATE_HOME=$tmp/home/.local/state XDG_CACHE_HOME=$tmp/home/.cache
+mkdir "$HOME"
+# The package's completion folders: Debian's, or on macOS those that Homebrew's
+# bash-completion (1 and 2) and zsh, and macOS's own zsh, read.
 bashdir=usr/share/bash-completion/completions zshdir=usr/share/zsh/vendor-completions
 [[ $(uname) != Darwin ]] || bashdir=usr/etc/bash_completion.d zshdir=usr/share/zsh/site-functions
+# make install's prefix, where the shells look: /usr/local, or on macOS Homebrew's. The completion tables run
+# against the package's layout, or on macOS (no packages) against make install's.
+lprefix=/usr/local layouts=("$ulocal $lprefix" "$stage /usr")
+[[ $(uname) != Darwin ]] || lprefix=$(brew --prefix) layouts=("$ulocal $lprefix")
+read -r troot tprefix <<<"${layouts[${#layouts[@]} - 1]}"
 # What an install holds, under the prefix /usr; everything of devsim's has its name.
 want=$(printf '%s\n' usr/bin/{devsim,devupdate} usr/share/man/man1/{devsim,devupdate}.1.gz \
     $bashdir/{devsim,devupdate} $zshdir/_{devsim,devupdate} \
@@ -77,7 +87,55 @@ bzf|devupdate --port=1 --device-name=|devupdate --port=1 --device-name=|
 EOF
 }
 clock() {  # LINE: sets the watchdog's clock for a line of the table
-    if [[ $1 == *"--port=$mute "* ]]; then : >"$tmp/clock/expired"; else rm -f "$tmp/clock/expired"; fi
+    if [[ $1 == *"--port=${mute-} "* ]]; then : >"$tmp/clock/expired"; else rm -f "$tmp/clock/expired"; fi
+}
+
+# Each shell finds the completions as it does for its user: from its default folders, taken under ROOT (a
+# staged install) instead of /. Each reads the table's lines and prints what it completed, as compare wants.
+complete_bash() {  # ROOT PREFIX: bash-completion's loader, with its default folders (XDG_DATA_DIRS unset, as
+    # at a login; those of the commands on PATH) and the folder it loads whole at start, under ROOT. On macOS
+    # that one is Homebrew's, taken to be PREFIX.
+    local brew lib loader cmd found compat=/etc/bash_completion.d
+    brew=$(brew --prefix 2>/dev/null || true)  # Homebrew's bash-completion 2, or 1 for macOS's bash 3.2
+    for lib in /usr/share/bash-completion/bash_completion "$brew"/{share/bash-completion,etc}/bash_completion ''; do
+        [[ -f $lib ]] && break
+    done
+    [[ $(uname) != Darwin ]] || compat=$2/etc/bash_completion.d
+    XDG_DATA_DIRS=$1/usr/local/share:$1/usr/share BASH_COMPLETION_COMPAT_DIR=$1$compat PATH=$1$2/bin:$PATH
+    source "${lib:?no bash-completion found}"
+    # On the first Tab for a command, bash runs the default completion: bash-completion's loader.
+    loader=$(complete -p -D 2>/dev/null | sed -n 's/.* -F \([^ ]*\).*/\1/p')
+    for cmd in devupdate devsim; do
+        complete -p $cmd &>/dev/null || ${loader:-false} $cmd &>/dev/null || true
+        found=$(shopt -s extdebug && declare -F _$cmd || true)
+        [[ ${found#* * } == "$1"/* ]] || fail "bash found no completion for $cmd under $1 (${found:-none})"
+    done
+    compopt() { [[ $* != "-o nospace" ]] || nospace=y; }
+    while IFS='|' read -r line _ names; do  # words split as bash splits them: at blanks, "=" and ":"
+        COMP_LINE=$line COMP_POINT=${#line} COMPREPLY=() nospace=
+        read -ra COMP_WORDS < <(sed 's/[=:]/ & /g' <<<"$line")
+        COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+        clock "$line"
+        "_${COMP_WORDS[0]}" "${COMP_WORDS[0]}" "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}" 2>&1 || true
+        got=$(for reply in "${COMPREPLY[@]}"; do eval "printf '%s\n' $reply"; done | LC_ALL=C sort | paste -sd'|' -)
+        [[ $names == '*'* ]] && got="*${#COMPREPLY[@]}"
+        echo "$line|$got"
+        # A lone name is inserted with a blank after it, unless it is an option that takes a value.
+        [[ ${#COMPREPLY[@]} != 1 || $nospace == "$([[ $COMPREPLY == *= ]] && echo y)" ]] ||
+            fail "'$line': inserted ${nospace:+without}${nospace:-with} a blank after it"
+    done
+}
+complete_zsh() {  # ROOT: Tab in a real interactive zsh, its default $fpath under ROOT, then compinit
+    cut -d'|' -f1 | zsh -f "$src/e2e/complete.zsh" "$1" "$tmp/clock/expired" "--port=${mute-} "
+}
+complete_fish() {  # ROOT: fish's own search path (XDG_DATA_DIRS unset, as at a login) under ROOT
+    local line word option
+    while IFS='|' read -r line _; do  # fish lists each candidate with the option it completes
+        word=${line##* } && option=${word%"${word##*=}"} && clock "$line"
+        echo "$line|$(env -u XDG_DATA_DIRS fish -c 'set fish_complete_path $argv[1]$fish_complete_path
+                complete -C $argv[2]' "$1" "$line" 2>&1 | cut -f1 | cut -c$((${#option} + 1))- |
+            LC_ALL=C sort | paste -sd'|' -)"
+    done
 }
 # After the shell completed the table's lines into got (each line, "|", what the table's COLUMNS after the
 # first hold; whatever else it prints fails it): that it matches, nothing was sent to the lobby, no name was run.
@@ -113,8 +171,9 @@ run_doc() {  # DOC STATUSES
 
 case $3 in
 stage)
-    rm -rf "$stage"
-    DESTDIR=$stage cmake --install "$build" --prefix /usr >/dev/null ;;
+    rm -rf "$stage" "$ulocal"
+    DESTDIR=$stage cmake --install "$build" --prefix /usr >/dev/null
+    DESTDIR=$ulocal cmake --install "$build" --prefix "$lprefix" >/dev/null ;;
 files)
     got=$(cd "$stage" && find . ! -type d | sed 's|^\./||' | LC_ALL=C sort)
     [[ $got == "$want" ]] || fail "installed files:"$'\n'"$(diff <(echo "$want") <(echo "$got"))"
@@ -141,29 +200,8 @@ man)
     run_doc README.md '0 0 0 0 0 1'
     run_doc devsim/README.md '0 0' ;;
 completion)
-    # Debian's bash-completion, or Homebrew's (2, or 1 for macOS's bash 3.2).
-    brew=$(brew --prefix 2>/dev/null || true)
-    for lib in /usr/share/bash-completion/bash_completion "$brew"/{share/bash-completion,etc}/bash_completion ''; do
-        [[ -f $lib ]] && break
-    done
-    source "${lib:?no bash-completion found}"
-    source "$stage/$bashdir/devupdate"
-    source "$stage/$bashdir/devsim"
-    compopt() { [[ $* != "-o nospace" ]] || nospace=y; }
     services b
-    while IFS='|' read -r line _ names; do  # words split as bash splits them: at blanks, "=" and ":"
-        COMP_LINE=$line COMP_POINT=${#line} COMPREPLY=() nospace=
-        read -ra COMP_WORDS < <(sed 's/[=:]/ & /g' <<<"$line")
-        COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
-        clock "$line"
-        "_${COMP_WORDS[0]}" "${COMP_WORDS[0]}" "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}" 2>&1 || true
-        got=$(for reply in "${COMPREPLY[@]}"; do eval "printf '%s\n' $reply"; done | LC_ALL=C sort | paste -sd'|' -)
-        [[ $names == '*'* ]] && got="*${#COMPREPLY[@]}"
-        echo "$line|$got"
-        # A lone name is inserted with a blank after it, unless it is an option that takes a value.
-        [[ ${#COMPREPLY[@]} != 1 || $nospace == "$([[ $COMPREPLY == *= ]] && echo y)" ]] ||
-            fail "'$line': inserted ${nospace:+without}${nospace:-with} a blank after it"
-    done <table >got
+    complete_bash "$troot" "$tprefix" <table >got
     compare 1,3-
     # macOS has bash 3.2 and bash-completion 1.3, and no timeout(1): none of what came later (associative arrays,
     # case conversion, mapfile, readarray, coproc, ;;& and ;&, |& and &>>, negative indices, $EPOCH*, wait -n,
@@ -174,20 +212,41 @@ completion)
     ! grep -nHE -- "$later" "$stage/$bashdir"/* | grep -vE '^[^:]*:[0-9]+:[[:space:]]*#|type compopt' ||
         fail "the bash completions use what bash 3.2 lacks (above)" ;;
 zsh)
-    # Tab in a real interactive zsh; its compadd is wrapped to record what was offered.
     services z
-    cut -d'|' -f1 table | zsh -f "$src/e2e/complete.zsh" "$stage/$zshdir" "$tmp/clock/expired" "--port=$mute " >got
+    complete_zsh "$troot" <table >got
     compare 1- ;;
 fish)
-    # fish lists each candidate with the option it completes; it escapes them when it inserts one.
     services f
-    while IFS='|' read -r line _; do
-        word=${line##* } && option=${word%"${word##*=}"} && clock "$line"
-        echo "$line|$(fish -N -c 'source $argv[1]; source $argv[2]; complete -C $argv[3]' \
-            "$stage"/usr/share/fish/vendor_completions.d/{devupdate,devsim}.fish "$line" 2>&1 |
-            cut -f1 | cut -c$((${#option} + 1))- | LC_ALL=C sort | paste -sd'|' -)"
-    done <table >got
+    complete_fish "$troot" <table >got
     compare 1,3- ;;
+found)
+    # A new shell of each kind finds both tools' completions in each layout.
+    for layout in "${layouts[@]}"; do
+        read -r root prefix <<<"$layout"
+        mkdir -p "$tmp/$prefix" && cd "$tmp/$prefix"
+        for shell in bash zsh fish; do
+            sed -n "s/^[a-z]*${shell:0:1}[a-z]*|//p" >table <<EOF
+bzf|devupdate --li|devupdate --list${space}|--list
+b|devsim --po|devsim --port|--port-file=|--port=
+zf|devsim --po|devsim --port|--port|--port-file
+EOF
+            (complete_$shell "$root" "$prefix") <table >got
+            [[ $shell == zsh ]] && compare 1- || compare 1,3-
+        done
+    done ;;
+refused)
+    # `make install` where one folder cannot be written to (read-only to root too, in a mount namespace of its
+    # own): nothing is installed, and the message says what to run.
+    mkdir -p "$tmp/root/usr/local/share/man" && chmod a-w "$tmp/root/usr/local/share/man"
+    run=(env DESTDIR="$tmp/root" sh "$src/cmake/install.sh" "$build" /usr/local)
+    [[ $(id -u) != 0 ]] ||
+        run=(unshare -m sh -c 'mount --bind "$0" "$0" && mount -o remount,bind,ro "$0" && exec "$@"' \
+            "$tmp/root/usr/local/share/man" "${run[@]}")
+    ! "${run[@]}" >"$tmp/out" 2>&1 || fail "installed into a read-only folder"
+    grep -q 'cannot write to .*/usr/local/share/man; nothing was installed' "$tmp/out" &&
+        grep -qF 'sudo make install' "$tmp/out" || fail "make install said: $(<"$tmp/out")"
+    [[ -z $(find "$tmp/root" ! -type d) ]] || fail "installed in part: $(find "$tmp/root" ! -type d)"
+    chmod -R u+w "$tmp/root" ;;
 package)
     # hardening-check cannot find control-flow protection where the C library's start
     # files lack it (Debian 12's do): no program linked with them can carry the mark.
