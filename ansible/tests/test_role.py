@@ -1,5 +1,6 @@
 """The built collection under the real ansible-playbook: three local hosts, each with its own devsim."""
 
+import glob
 import json
 import os
 import re
@@ -45,9 +46,7 @@ def fleet(host, sim=None, panel="2.0.3"):
     return [d for d, *_ in devices], facts
 
 
-
-
-def hosts(failing="h1", **hostvars):
+def inventory(failing="h1", **hostvars):
     """The rollout's hosts, their variables and the panel's script: `failing`'s panel fails its job."""
     return {h: (hostvars.get(h, {}), FAILURE if h == failing else {}) for h in HOSTS}
 
@@ -57,14 +56,15 @@ def hosts(failing="h1", **hostvars):
 # it runs, the last run's exit status and batches, and per host that took part what ROLES gives (a host of no batch
 # gets nothing), the requests being those of every run, and then the panel's version the last run listed.
 ROLLOUTS = [
-    ("a second run flashes nothing", hosts(None), ["-e", "batch=3"], 2, 0, [list(HOSTS)],
+    ("a second run flashes nothing", inventory(None), ["-e", "batch=3"], 2, 0, [list(HOSTS)],
      {h: (set(), None, [], [("upgrade", h + "-panel")], "2.0.0") for h in HOSTS}),
     ("check mode, one host per batch, sends nothing",
-     hosts(h3={"devupdate_command": "/nonexistent/devupdate", "devupdate_deb": "{{ inventory_dir }}/../devupdate.deb"}),
+     inventory(h3={"devupdate_command": "/nonexistent/devupdate",
+                   "devupdate_deb": "{{ inventory_dir | dirname }}/devupdate.deb"}),
      ["-e", "batch=1", "--check"], 1, 0, [["h1"], ["h2"], ["h3"]],
      {"h1": ({REPORT}, None, ["h1-panel"], []), "h2": ({REPORT}, None, ["h2-panel"], []),
-      "h3": ({WOULD_INSTALL}, (WOULD_INSTALL, "would install devupdate from {folder}/1/../devupdate.deb"), None, None)}),
-    ("a failed job ends the rollout after its batch", hosts(), ["-e", "batch=2"], 1, 2, [["h1", "h2"]],
+      "h3": ({WOULD_INSTALL}, (WOULD_INSTALL, "would install devupdate from {folder}/devupdate.deb"), None, None)}),
+    ("a failed job ends the rollout after its batch", inventory(), ["-e", "batch=2"], 1, 2, [["h1", "h2"]],
      {"h1": (RAN, FAILED_JOB, ["h1-panel"], [("upgrade", "h1-panel")]),
       "h2": (RAN, None, ["h2-panel"], [("upgrade", "h2-panel")])}),
 ]
@@ -89,20 +89,21 @@ ROLES = [
     ("lost", {"devupdate_image": "/nonexistent/fw.bin"}, {},
      (set(), ("Refuse an image the role cannot use", "devupdate role: /nonexistent/fw.bin is not on the controller"),
       None, None)),
-    ("headless", {"devupdate_image": "{{ inventory_dir }}/../devupdate.deb"}, {},
+    ("headless", {"devupdate_image": "{{ inventory_dir | dirname }}/devupdate.deb"}, {},
      (set(), ("Refuse an image the role cannot use", "devupdate role: the image {folder}/devupdate.deb names no "
               "version on its first line (DEVFW1 ... version=...); set devupdate_image_version, or devupdate_force to "
               "flash every device"), None, None)),
-    ("wrapped", {"devupdate_command": "{{ inventory_dir }}/../wrapper"}, {},
-     (set(), ("Stop when the service gives no device list", "{folder}/role/../wrapper is missing on this host or cannot be run "
-              "(devupdate --list exited 127): {folder}/role/../wrapper: 2: exec: /nonexistent/devupdate: not found"), None, None)),
+    ("wrapped", {"devupdate_command": "{{ inventory_dir | dirname }}/wrapper"}, {},
+     (set(), ("Stop when the service gives no device list", "{folder}/wrapper is missing on this host or cannot be "
+              "run (devupdate --list exited 127): {folder}/wrapper: 2: exec: /nonexistent/devupdate: not found"),
+      None, None)),
     ("foreign", {}, {},
-     (set(), ("Refuse a staging folder another user could reach", "devupdate role: will not stage in "
-              "{folder}/role/foreign: it belongs to another user; remove it or set devupdate_image_dir"),
+     (set(), ("Refuse a staging folder another user could reach", "devupdate role: cannot stage in "
+              "{folder}/role/foreign: it belongs to another user; remove it, or set devupdate_image_dir"),
       ["foreign-panel"], [])),
     ("linked", {}, {},
-     (set(), ("Refuse a staging folder another user could reach", "devupdate role: will not stage in "
-              "{folder}/role/linked: it is a link; remove it or set devupdate_image_dir"), ["linked-panel"], [])),
+     (set(), ("Refuse a staging folder another user could reach", "devupdate role: cannot stage in "
+              "{folder}/role/linked: it is a link; remove it, or set devupdate_image_dir"), ["linked-panel"], [])),
 ]
 # A staging folder someone else made first: owned by another user, or a link to a folder of the role's own user.
 PREPARED = {"foreign": lambda path: (os.mkdir(path), os.chown(path, 65534, 65534)),
@@ -120,10 +121,12 @@ class Rollout(Journey):
         subprocess.run(["ansible-galaxy", "collection", "build", COLLECTION, "--output-path", self.folder],
                        env=self.env, cwd=self.folder, check=True, stdout=subprocess.DEVNULL, timeout=TIMEOUT)
         # What "ansible-galaxy collection install" does with a local tarball, without a second ansible start.
-        with tarfile.open(os.path.join(self.folder, "devupdate-fleet-1.0.0.tar.gz")) as tarball:
+        (built,) = glob.glob(os.path.join(self.folder, "devupdate-fleet-*.tar.gz"))
+        with tarfile.open(built) as tarball:
             tarball.extractall(os.path.join(self.folder, ".ansible/collections/ansible_collections/devupdate/fleet"))
         self.write("devupdate.deb", "!<arch>\n")  # a package to name, never installed; as an image it has no header
-        os.chmod(self.write("wrapper", "#!/bin/sh\nexec /nonexistent/devupdate \"$@\"\n"), 0o755)  # what an uninstall left
+        # What an uninstall may leave on PATH: a wrapper whose program is gone.
+        os.chmod(self.write("wrapper", "#!/bin/sh\nexec /nonexistent/devupdate \"$@\"\n"), 0o755)
 
     def start(self, table, hosts, playbook, args):
         """devsims for `hosts` (name: variables, panel's script or DEAD) and a playbook against them, left running."""
