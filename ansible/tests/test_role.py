@@ -83,7 +83,7 @@ ROLES = [
               "devupdate role: devupdate_action update needs devupdate_image, the firmware image on the controller"),
       None, None)),
     ("unserved", {}, DEAD,
-     (set(), ("Stop when the service gives no device list", "The device update service on port {port} of this host "
+     (set(), ("Stop when devupdate gives no device list", "The device update service on port {port} of this host "
               "gave no device list (devupdate --list exited 1): [error] handle_connect error: Connection refused"),
       None, None)),
     ("lost", {"devupdate_image": "/nonexistent/fw.bin"}, {},
@@ -94,7 +94,7 @@ ROLES = [
               "version on its first line (DEVFW1 ... version=...); set devupdate_image_version, or devupdate_force to "
               "flash every device"), None, None)),
     ("wrapped", {"devupdate_command": "{{ inventory_dir | dirname }}/wrapper"}, {},
-     (set(), ("Stop when the service gives no device list", "{folder}/wrapper is missing on this host or cannot be "
+     (set(), ("Stop when devupdate gives no device list", "{folder}/wrapper is missing on this host or cannot be "
               "run (devupdate --list exited 127): {folder}/wrapper: 2: exec: /nonexistent/devupdate: not found"),
       None, None)),
     ("foreign", {}, {},
