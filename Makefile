@@ -10,6 +10,8 @@ MAKEFLAGS += --no-print-directory
 # serves them as a service on another WebSocket stack would, mandoc, groff and man lint the
 # man pages, bash-completion, zsh and fish run the completions, ansible-core and ansible-lint
 # test the Ansible collection, clang-format checks the house style) and the demo need.
+# debian/control's Build-Depends are the part a package build needs (dpkg-buildpackage
+# refuses to start without them).
 PACKAGES := g++ cmake make pkg-config python3 python3-websockets libasio-dev libwebsocketpp-dev libjsoncpp-dev \
             libgtest-dev libgmock-dev mandoc groff-base man-db bash-completion zsh fish ansible-core \
             ansible-lint clang-format
@@ -82,26 +84,35 @@ PREFIX ?= /usr/local
 install: build
 	DESTDIR="$(DESTDIR)" sh cmake/install.sh $(BUILD) "$(PREFIX)"
 
-# Two .deb files in $(BUILD): devupdate and devsim. dpkg-shlibdeps (dpkg-dev) finds
-# their dependencies, with the help of file; lintian and hardening-check (devscripts)
-# check the result. The build takes its hardening flags from dpkg-buildflags (dpkg-dev):
-# configured again once that is installed, whatever configured $(BUILD) first (cpack
-# refuses a build without them). Next to them, the Ansible collection's tarball.
-PACKAGE_PACKAGES := dpkg-dev file lintian devscripts
+# Two .deb files in $(BUILD), devupdate and devsim, built from debian/ by dpkg-buildpackage
+# in a copy of the sources under $(BUILD)/deb (it writes next to the tree it builds), with the
+# suite's loopback tests run on the package build. Next to them, the Ansible collection's
+# tarball. lintian, hardening-check (devscripts) and autopkgtest check the result.
+PACKAGE_PACKAGES := build-essential debhelper lintian devscripts autopkgtest
+DEB_SOURCE       := $(BUILD)/deb/devupdate
 
 package-deps:
 	@$(MAKE) deps EXTRA_PACKAGES="$(PACKAGE_PACKAGES)"
 
 package: package-deps
-	cmake -S . -B $(BUILD)
-	cmake --build $(BUILD) -j $(JOBS) --target package
+	rm -rf $(BUILD)/deb
+	bash packaging/copy-source.sh . $(DEB_SOURCE)
+	cd $(DEB_SOURCE) && DEB_BUILD_OPTIONS="parallel=$(JOBS) $(DEB_BUILD_OPTIONS)" dpkg-buildpackage -us -uc
+	cp $(BUILD)/deb/devupdate_*.deb $(BUILD)/deb/devsim_*.deb $(BUILD)/
 	ansible-galaxy collection build ansible --output-path $(BUILD) --force
 
-# The packages' file lists, fields, lintian (any tag fails) and hardening-check; then the
-# same sources copied to another folder and packaged again must give identical .debs.
+# autopkgtest's runner: `null` installs both packages on this machine, for CI's throwaway
+# one; AUTOPKGTEST_VIRT="unshare --release bookworm" keeps them in a container instead
+# (packaging/README.md).
+AUTOPKGTEST_VIRT ?= null
+
+# The packages' file lists, fields, lintian on the source and binary packages (any tag
+# fails) and hardening-check; the same sources packaged again in another folder must give
+# identical .debs; then the installed packages' tests.
 package-check: package
 	bash e2e/test_install.sh $(BUILD) $(BUILD)/e2e/stage package
 	JOBS=$(JOBS) bash e2e/test_install.sh $(BUILD) $(BUILD)/e2e/stage reproducible
+	autopkgtest $(BUILD)/deb/devupdate_*.changes -- $(AUTOPKGTEST_VIRT)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(LIBCXX_BUILD)

@@ -260,21 +260,23 @@ package)
         dpkg-deb -x "$deb" "$tmp/$name"
         hardening-check ${nocf-} "$tmp/$name"/usr/bin/* >"$tmp/hardening" || fail "$(<"$tmp/hardening")"
     done
-    # Not a tag at all, not even an informational or pedantic one, warnings fail.
-    tags=$(lintian -I --pedantic --fail-on error,warning "$build"/{devupdate,devsim}_*.deb 2>&1 |
+    # Not a tag at all, not even an informational or pedantic one, on the source package, the
+    # binary packages and their debug symbols: warnings fail.
+    tags=$(lintian -I --pedantic --fail-on error,warning "$build"/deb/devupdate_*.changes 2>&1 |
            grep -v '^running with root' || true)
     [[ -z $tags ]] || fail "lintian:"$'\n'"$tags" ;;
 reproducible)
-    # The same sources built again in another folder give the same packages, byte for byte.
-    export SOURCE_DATE_EPOCH=${SOURCE_DATE_EPOCH:-$(git -C "$src" log -1 --format=%ct)}
-    mkdir "$tmp/copy"
-    (cd "$src" && git ls-files -z --cached --others --exclude-standard | xargs -0 tar cf - 2>/dev/null) |
-        tar xf - -C "$tmp/copy"
-    cmake -S "$tmp/copy" -B "$tmp/copy/build" -DBUILD_TESTING=OFF >"$tmp/log" 2>&1 &&
-        cmake --build "$tmp/copy/build" -j "${JOBS:-2}" --target package >>"$tmp/log" 2>&1 ||
-        fail "the second build failed:"$'\n'"$(tail -20 "$tmp/log")"
-    for deb in "$build"/{devupdate,devsim}_*.deb; do
-        cmp "$deb" "$tmp/copy/build/${deb##*/}" || fail "${deb##*/} differs when built in $tmp/copy"
+    # The same sources packaged again in another folder, without the tests (which do not
+    # change the programs), give the same packages, byte for byte.
+    # A tracked file missing from the tree stops the copy, named.
+    git init -q "$tmp/gap" && touch "$tmp/gap/"{kept,lost} && git -C "$tmp/gap" add kept lost && rm "$tmp/gap/lost"
+    ! bash "$src/packaging/copy-source.sh" "$tmp/gap" "$tmp/gap.copy" 2>"$tmp/gap.err" && grep -qx lost "$tmp/gap.err" ||
+        fail "a tracked file missing from the tree did not stop the copy: $(<"$tmp/gap.err")"
+    bash "$src/packaging/copy-source.sh" "$src" "$tmp/other/devupdate"
+    (cd "$tmp/other/devupdate" && DEB_BUILD_OPTIONS="nocheck parallel=${JOBS:-2}" dpkg-buildpackage -us -uc -b) \
+        >"$tmp/log" 2>&1 || fail "the second build failed:"$'\n'"$(tail -20 "$tmp/log")"
+    for deb in "$build"/deb/*.deb; do
+        cmp "$deb" "$tmp/other/${deb##*/}" || fail "${deb##*/} differs when built in $tmp/other"
     done
-    echo "reproducible: $(cd "$build" && ls {devupdate,devsim}_*.deb | paste -sd' ') built twice, identical" ;;
+    echo "reproducible: $(cd "$build/deb" && ls ./*.deb | cut -c3- | paste -sd' ') built twice, identical" ;;
 esac
