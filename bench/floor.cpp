@@ -6,8 +6,10 @@
 // state machine: it is called like the tool,
 //
 //   floor --port=P --list [--long-lived]     device lines ("Found[Normal]: ...")
-//   floor --port=P --list --reboot           the same lines, and after each a "reboot"
-//                                            request for that device
+//   floor --port=P --list --reboot [--batch] the same lines, and after each a "reboot"
+//                                            request for that device; --batch hands all
+//                                            the requests' frames to websocketpp as one
+//                                            message instead of one message each
 //   floor --port=P --file=FW                 upgrade the first normal-mode device
 //
 // and ends with the tool's exit status: 0 after the list or a "Done", 1 after a failed
@@ -58,8 +60,9 @@ void emit(const std::string& s) {
 
 class Floor {
 public:
-    Floor(int servicePort, bool listRun, bool longLivedRun, bool rebootRun, std::string firmware)
-        : port(servicePort), list(listRun), longLived(longLivedRun), reboot(rebootRun), file(std::move(firmware)),
+    Floor(int servicePort, bool listRun, bool longLivedRun, bool rebootRun, bool batchRun, std::string firmware)
+        : port(servicePort), list(listRun), longLived(longLivedRun), reboot(rebootRun), batch(batchRun),
+          file(std::move(firmware)),
           reader(Json::CharReaderBuilder().newCharReader()) {
         client.clear_access_channels(websocketpp::log::alevel::all);
         client.init_asio();
@@ -176,35 +179,47 @@ private:
 
     // Each shown device is sent its reboot right after its line, as the tool does. The last
     // request is framed here so that its release, once the connection has written it (and
-    // so every request before it), can stop the loop; websocketpp frames the others.
+    // so every request before it), can stop the loop; websocketpp frames the others. With
+    // --batch every frame is built here and all of them go to websocketpp as one message.
     void rebootAll(const Json::Value& devices) {
         Json::Value request;
         request["msg"] = "reboot";
-        std::string last;
+        std::string text, wire;
         for (const Json::Value& d : devices) {
             const char* name = deviceLine("Found", d);
             if (!name)
                 continue;
-            if (!last.empty())
-                client.send(hdl, last, websocketpp::frame::opcode::text);
+            if (!text.empty() && batch)
+                wire += framed(text);
+            else if (!text.empty())
+                client.send(hdl, text, websocketpp::frame::opcode::text);
             request["device"] = name;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-            last = Json::FastWriter().write(request);
+            text = Json::FastWriter().write(request);
 #pragma GCC diagnostic pop
         }
-        if (last.empty())
+        if (text.empty())
             return finish(0);
         delivering = true;
-        Client::message_ptr payload = messages->get_message(websocketpp::frame::opcode::text, last.size());
-        payload->append_payload(last);
-        Client::message_ptr frame(new Config::message_type(messages), [this](Config::message_type* m) {
+        Client::message_ptr last(new Config::message_type(messages), [this](Config::message_type* m) {
             delete m;
             if (live)
                 live->stop();
         });
+        last->set_opcode(websocketpp::frame::opcode::text);
+        last->set_header(wire + framed(text)); // written as it is: header, then an empty payload
+        last->set_prepared(true);
+        client.send(hdl, last);
+    }
+
+    // The bytes of one masked text frame.
+    std::string framed(const std::string& text) {
+        Client::message_ptr payload = messages->get_message(websocketpp::frame::opcode::text, text.size());
+        payload->append_payload(text);
+        Client::message_ptr frame = messages->get_message();
         framer.prepare_data_frame(payload, frame);
-        client.send(hdl, frame);
+        return frame->get_header() + frame->get_payload();
     }
 
     int deliver(asio::ip::tcp::socket& socket) {
@@ -250,7 +265,7 @@ private:
     using Config = websocketpp::config::asio_client;
 
     int port;
-    bool list, longLived, reboot;
+    bool list, longLived, reboot, batch;
     bool delivering = false;
     std::string file;
     std::unique_ptr<Json::CharReader> reader;
@@ -269,7 +284,7 @@ private:
 
 int main(int argc, char** argv) {
     int port = 7070;
-    bool list = false, longLived = false, reboot = false;
+    bool list = false, longLived = false, reboot = false, batch = false;
     std::string file;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -279,14 +294,16 @@ int main(int argc, char** argv) {
             longLived = true;
         else if (a == "--reboot")
             reboot = true;
+        else if (a == "--batch")
+            batch = true;
         else if (a.rfind("--file=", 0) == 0)
             file = a.substr(7);
         else if (a.rfind("--port=", 0) == 0)
             port = std::atoi(a.c_str() + 7);
         else {
-            std::fprintf(stderr, "usage: floor --port=P (--list [--long-lived | --reboot] | --file=FW)\n");
+            std::fprintf(stderr, "usage: floor --port=P (--list [--long-lived | --reboot [--batch]] | --file=FW)\n");
             return 2;
         }
     }
-    return Floor(port, list, longLived, reboot, file).run();
+    return Floor(port, list, longLived, reboot, batch, file).run();
 }
