@@ -5,8 +5,7 @@ reboot cases, by a fresh bench/reboot_service.
 
     python3 bench/throughput.py [options] [CASE...]
 
-Cases (default: list-10000 list-84879 storm-100000 live-10000 reboot-10000 reboot-84879
-rebootquiet-10000 rebootquiet-84879):
+Cases (default: list-10000 list-84879 storm-100000 live-10000; the reboot cases by name):
   list-N    devsim --generate-fleet=N; client --list
   storm-M   one device, one upgrade with M progress events; client --file=fw.bin
   live-N    devsim --generate-fleet=N --close-after=2N+1; client --list --long-lived, while
@@ -67,8 +66,7 @@ def parse_args(argv):
             sys.exit(__doc__)
     if not cases:
         cases = ["list-10000", "storm-20000", "live-2000"] if opts["callgrind"] else \
-            ["list-10000", "list-84879", "storm-100000", "live-10000", "reboot-10000", "reboot-84879",
-             "rebootquiet-10000", "rebootquiet-84879"]
+            ["list-10000", "list-84879", "storm-100000", "live-10000"]
     return opts, cases
 
 
