@@ -62,8 +62,7 @@ class Floor {
 public:
     Floor(int servicePort, bool listRun, bool longLivedRun, bool rebootRun, bool batchRun, std::string firmware)
         : port(servicePort), list(listRun), longLived(longLivedRun), reboot(rebootRun), batch(batchRun),
-          file(std::move(firmware)),
-          reader(Json::CharReaderBuilder().newCharReader()) {
+          file(std::move(firmware)), reader(Json::CharReaderBuilder().newCharReader()) {
         client.clear_access_channels(websocketpp::log::alevel::all);
         client.init_asio();
         client.set_open_handler([this](websocketpp::connection_hdl h) { hdl = h; });

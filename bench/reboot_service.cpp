@@ -59,7 +59,9 @@ std::string device(long i) {
         i, i, maker[0], maker[1], model[0], model[1], major, minor, build, major, minor, build, (a >> 16) & 255,
         (a >> 8) & 255, a & 255, (a >> 16) & 255, (a >> 8) & 255, a & 255, 128 + ((b >> 16) & 127), (b >> 8) & 255,
         b & 255, (b >> 16) & 255, (b >> 8) & 255, b & 255, safe ? "true" : "false",
-        !safe ? 0 : i % 20 == 7 ? 2 : 1);
+        !safe         ? 0
+        : i % 20 == 7 ? 2
+                      : 1);
     return std::string(text, static_cast<size_t>(n));
 }
 
