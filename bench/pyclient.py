@@ -7,8 +7,9 @@
 prints the device lines devupdate prints and, with --reboot, sends each shown device a
 "reboot" request in the bytes devupdate writes. The requests are delivered as devupdate
 delivers them: after the last one the sending side of the TCP connection is shut down and
-whatever arrives is dropped until the service closes the connection. Exit status 0, or 1
-when the connection fails. Needs python3-websockets (Debian) or `pip install websockets`.
+whatever arrives is dropped until the service closes the connection (the benchmark's
+service says how many requests it read). Exit status 0, or 1 when there is no connection or
+it ends before the device list. Needs python3-websockets (Debian) or `pip install websockets`.
 """
 import asyncio
 import json
