@@ -74,7 +74,7 @@ demo: build
 # Only here are the benchmark programs built. The second line is a short throughput
 # check; docs/performance.md has the full runs.
 bench: build
-	cmake --build $(BUILD) -j $(JOBS) --target devupdate_bench floor
+	cmake --build $(BUILD) -j $(JOBS) --target devupdate_bench floor reboot_service
 	$(BUILD)/bench/devupdate_bench
 	python3 bench/throughput.py --build=$(BUILD) --runs=3 list-10000 storm-20000 live-2000
 

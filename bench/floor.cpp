@@ -6,10 +6,17 @@
 // state machine: it is called like the tool,
 //
 //   floor --port=P --list [--long-lived]     device lines ("Found[Normal]: ...")
+//   floor --port=P --list --reboot [--batch] the same lines, and after each a "reboot"
+//                                            request for that device; --batch hands all
+//                                            the requests' frames to websocketpp as one
+//                                            message instead of one message each
 //   floor --port=P --file=FW                 upgrade the first normal-mode device
 //
 // and ends with the tool's exit status: 0 after the list or a "Done", 1 after a failed
-// job or when the service goes first (which is how a long-lived run ends).
+// job or when the service goes first (which is how a long-lived run ends). Reboots are
+// delivered as the tool must: once the last one is written the loop stops, the sending
+// side of the TCP connection is shut down, and whatever arrives is read and dropped until
+// the service closes its side (status 0; 1 if the connection fails instead).
 #include <json/json.h>
 #include <websocketpp/client.hpp>
 #include <websocketpp/config/asio_no_tls_client.hpp>
@@ -53,9 +60,9 @@ void emit(const std::string& s) {
 
 class Floor {
 public:
-    Floor(int servicePort, bool listRun, bool longLivedRun, std::string firmware)
-        : port(servicePort), list(listRun), longLived(longLivedRun), file(std::move(firmware)),
-          reader(Json::CharReaderBuilder().newCharReader()) {
+    Floor(int servicePort, bool listRun, bool longLivedRun, bool rebootRun, bool batchRun, std::string firmware)
+        : port(servicePort), list(listRun), longLived(longLivedRun), reboot(rebootRun), batch(batchRun),
+          file(std::move(firmware)), reader(Json::CharReaderBuilder().newCharReader()) {
         client.clear_access_channels(websocketpp::log::alevel::all);
         client.init_asio();
         client.set_open_handler([this](websocketpp::connection_hdl h) { hdl = h; });
@@ -67,6 +74,9 @@ public:
         });
     }
 
+    // A request still queued when the client goes (a failed connection) stops nothing.
+    ~Floor() { live = nullptr; }
+
     int run() {
         websocketpp::lib::error_code ec;
         Client::connection_ptr con = client.get_connection("ws://127.0.0.1:" + std::to_string(port), ec);
@@ -74,7 +84,7 @@ public:
             return 1;
         client.connect(con);
         client.run();
-        return status;
+        return delivering ? deliver(con->get_raw_socket()) : status;
     }
 
 private:
@@ -83,11 +93,12 @@ private:
         client.stop();
     }
 
-    void deviceLine(const char* event, const Json::Value& d) {
+    // Prints the device's line; returns its name, or null for a device the tool does not show.
+    const char* deviceLine(const char* event, const Json::Value& d) {
         const char* mode = modeWord(d);
         const char* name = text(d, "name");
         if (!*mode || !*name)
-            return;
+            return nullptr;
         line.assign(event);
         line += '[';
         line += mode;
@@ -105,6 +116,7 @@ private:
         line += *version ? version : text(product, "version", "?");
         line += '\n';
         emit(line);
+        return name;
     }
 
     // "\rUpdating NAME : [===>    ] P%[ - STATUS]", assembled in one reused buffer.
@@ -131,6 +143,9 @@ private:
     }
 
     void onDevices(const Json::Value& devices) {
+        if (list && reboot) {
+            return rebootAll(devices);
+        }
         if (list) {
             for (const Json::Value& d : devices)
                 deviceLine("Found", d);
@@ -159,6 +174,60 @@ private:
         request["override"] = "false";
         client.send(hdl, Json::FastWriter().write(request), websocketpp::frame::opcode::text);
         emit(bar("", 0, ""));
+    }
+
+    // Each shown device is sent its reboot right after its line, as the tool does. The last
+    // request is framed here so that its release, once the connection has written it (and
+    // so every request before it), can stop the loop; websocketpp frames the others. With
+    // --batch every frame is built here and all of them go to websocketpp as one message.
+    void rebootAll(const Json::Value& devices) {
+        Json::Value request;
+        request["msg"] = "reboot";
+        std::string text, wire;
+        for (const Json::Value& d : devices) {
+            const char* name = deviceLine("Found", d);
+            if (!name)
+                continue;
+            if (!text.empty() && batch)
+                wire += framed(text);
+            else if (!text.empty())
+                client.send(hdl, text, websocketpp::frame::opcode::text);
+            request["device"] = name;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+            text = Json::FastWriter().write(request);
+#pragma GCC diagnostic pop
+        }
+        if (text.empty())
+            return finish(0);
+        delivering = true;
+        Client::message_ptr last(new Config::message_type(messages), [this](Config::message_type* m) {
+            delete m;
+            if (live)
+                live->stop();
+        });
+        last->set_opcode(websocketpp::frame::opcode::text);
+        last->set_header(wire + framed(text)); // written as it is: header, then an empty payload
+        last->set_prepared(true);
+        client.send(hdl, last);
+    }
+
+    // The bytes of one masked text frame.
+    std::string framed(const std::string& text) {
+        Client::message_ptr payload = messages->get_message(websocketpp::frame::opcode::text, text.size());
+        payload->append_payload(text);
+        Client::message_ptr frame = messages->get_message();
+        framer.prepare_data_frame(payload, frame);
+        return frame->get_header() + frame->get_payload();
+    }
+
+    int deliver(asio::ip::tcp::socket& socket) {
+        asio::error_code ec;
+        socket.shutdown(asio::ip::tcp::socket::shutdown_send, ec);
+        char unread[65536];
+        while (!ec)
+            socket.read_some(asio::buffer(unread), ec);
+        return ec == asio::error::eof ? 0 : 1;
     }
 
     void onProgress(const Json::Value& m) {
@@ -192,11 +261,18 @@ private:
         }
     }
 
+    using Config = websocketpp::config::asio_client;
+
     int port;
-    bool list, longLived;
+    bool list, longLived, reboot, batch;
+    bool delivering = false;
     std::string file;
     std::unique_ptr<Json::CharReader> reader;
+    Config::rng_type rng;
+    Config::con_msg_manager_type::ptr messages = std::make_shared<Config::con_msg_manager_type>();
+    websocketpp::processor::hybi13<Config> framer{false, false, messages, rng};
     Client client;
+    Client* live = &client;
     websocketpp::connection_hdl hdl;
     std::string job;
     std::string line; // the line or bar being printed
@@ -207,7 +283,7 @@ private:
 
 int main(int argc, char** argv) {
     int port = 7070;
-    bool list = false, longLived = false;
+    bool list = false, longLived = false, reboot = false, batch = false;
     std::string file;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
@@ -215,14 +291,18 @@ int main(int argc, char** argv) {
             list = true;
         else if (a == "--long-lived")
             longLived = true;
+        else if (a == "--reboot")
+            reboot = true;
+        else if (a == "--batch")
+            batch = true;
         else if (a.rfind("--file=", 0) == 0)
             file = a.substr(7);
         else if (a.rfind("--port=", 0) == 0)
             port = std::atoi(a.c_str() + 7);
         else {
-            std::fprintf(stderr, "usage: floor --port=P (--list [--long-lived] | --file=FW)\n");
+            std::fprintf(stderr, "usage: floor --port=P (--list [--long-lived | --reboot [--batch]] | --file=FW)\n");
             return 2;
         }
     }
-    return Floor(port, list, longLived, file).run();
+    return Floor(port, list, longLived, reboot, batch, file).run();
 }

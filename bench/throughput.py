@@ -1,26 +1,36 @@
 #!/usr/bin/env python3
 """Times devupdate against bench/floor, the least work a client on the same stack can do,
-each served by a fresh devsim that sends as fast as it can (--tick-ms=0).
+each served by a fresh devsim that sends as fast as it can (--tick-ms=0), or, for the
+reboot cases, by a fresh bench/reboot_service.
 
     python3 bench/throughput.py [options] [CASE...]
 
-Cases (default: list-10000 list-84879 storm-100000 live-10000):
+Cases (default: list-10000 list-84879 storm-100000 live-10000; the reboot cases by name):
   list-N    devsim --generate-fleet=N; client --list
   storm-M   one device, one upgrade with M progress events; client --file=fw.bin
   live-N    devsim --generate-fleet=N --close-after=2N+1; client --list --long-lived, while
             `devupdate --list --reboot` makes devsim announce every device lost and found
             again; devsim then closes, which ends both clients with status 1
+  reboot-N  reboot_service --devices=N; client --list --reboot: N device lines and one
+            reboot request per device, each answered at once with "device_removed" and
+            "device_added" (as devsim answers); the run ends when the service has read
+            them all and closed. bench/pyclient.py runs too (with a python3 that has the
+            websockets package; Debian's python3-websockets)
+  rebootquiet-N  the same, but the service reads the requests without answering
 
 Every run gets a fresh devsim whose list is already serialised (devsim does that before it
-listens) and that has served one connection. The two clients take turns, and their output
-and exit status must be the same, byte for byte, in every run. Prints, per case and
+listens) and that has served one connection, or a fresh reboot_service (its frames are
+built before it listens). The clients take turns, and their output and exit status must be
+the same, byte for byte, in every run; in a reboot case the service must have read every
+request, in order, and nothing else. Prints, per case and
 client, the median wall time, the median CPU time (user + system) and the largest peak RSS
 (from GNU time where there is one), and the tool / floor ratios. In a storm or a live run
 devsim does more work per message than either client, so wall times there mostly measure
 devsim: compare CPU times.
 
 Options:
-  --build=DIR       build folder holding cli/devupdate, devsim/devsim, bench/floor (build)
+  --build=DIR       build folder holding cli/devupdate, devsim/devsim, bench/floor and
+                    bench/reboot_service (build)
   --tool=PATH       the tool to measure (DIR/cli/devupdate), e.g. an older build
   --runs=N          timed runs per client and case (5)
   --callgrind=DIR   instead of timing, run each client once under valgrind's callgrind and
@@ -50,7 +60,7 @@ def parse_args(argv):
         key, _, value = arg.partition("=")
         if key.startswith("--") and key[2:] in opts:
             opts[key[2:]] = int(value) if key == "--runs" else value
-        elif re.fullmatch(r"(list|storm|live)-\d+", arg):
+        elif re.fullmatch(r"(list|storm|live|reboot|rebootquiet)-\d+", arg):
             cases.append(arg)
         else:
             sys.exit(__doc__)
@@ -66,6 +76,8 @@ def scenario(case):
     n = int(n)
     if kind == "list":
         return ["--generate-fleet=%d" % n], ["--list"], False
+    if kind.startswith("reboot"):
+        return ["--devices=%d" % n] + (["--quiet"] if kind == "rebootquiet" else []), ["--list", "--reboot"], False
     if kind == "storm":
         return ["--generate-fleet=1", "--progress-steps=%d" % n], ["--file=fw.bin"], False
     return ["--generate-fleet=%d" % n, "--close-after=%d" % (2 * n + 1)], ["--list", "--long-lived"], True
@@ -97,7 +109,12 @@ def gnu_time():
 
 def serve(binary, args, folder):
     """A fresh devsim that has served one connection, and the length of its list message (read
-    from that connection's first frame header alone)."""
+    from that connection's first frame header alone); or a fresh reboot_service, which says
+    the length itself."""
+    if os.path.basename(binary).startswith("reboot_service"):
+        sim = Devsim(folder, args, binary=binary)
+        sim.list_bytes = int(re.search(r"list message of (\d+) bytes", slurp(sim.log_path)).group(1))
+        return sim
     sim = Devsim(folder, ["--tick-ms=0", *args], binary=binary)
     try:
         with WebSocket(sim.port) as ws:
@@ -110,6 +127,28 @@ def serve(binary, args, folder):
 
 def connections(sim):
     return slurp(sim.log_path).count(" connected from ")
+
+
+def reboots_read(sim, devices):
+    """What reboot_service read from its one client, once that connection has ended: None
+    when it was every reboot, in order, and nothing else; otherwise its own words."""
+    def ended():
+        return re.search(r"connection 1 read .*", slurp(sim.log_path))
+
+    sim.wait_for(ended, "the connection ended", 60)
+    words = ended().group(0)
+    return None if words == "connection 1 read %d of %d reboots in order, 0 other frames" % (devices, devices) else words
+
+
+def websockets_python():
+    """A python3 that can import websockets, or None."""
+    for python in (sys.executable, "/usr/bin/python3", "python3"):
+        try:
+            if subprocess.run([python, "-c", "import websockets"], capture_output=True).returncode == 0:
+                return python
+        except OSError:
+            pass
+    return None
 
 
 def run_client(command, folder, driver, sim, out_path):
@@ -142,7 +181,10 @@ def main():
     tool = opts["tool"] or os.path.join(build, "cli", "devupdate")
     devsim = os.path.join(build, "devsim", "devsim")
     floor = os.path.join(build, "bench", "floor")
-    clients = [("tool", os.path.abspath(tool)), ("floor", os.path.abspath(floor))]
+    service = os.path.abspath(os.path.join(build, "bench", "reboot_service"))
+    clients = [("tool", [os.path.abspath(tool)]), ("floor", [os.path.abspath(floor)])]
+    python = websockets_python()
+    pyclient = [python, os.path.join(os.path.dirname(os.path.abspath(__file__)), "pyclient.py")] if python else None
     reboot = [os.path.abspath(os.path.join(build, "cli", "devupdate")), "--list", "--reboot"]
     cg_dir = opts["callgrind"] and os.path.abspath(opts["callgrind"])
     if cg_dir:
@@ -153,13 +195,15 @@ def main():
             fw.write(bytes(4096))  # no header: any device takes it
         for case in cases:
             sim_args, client_args, drives = scenario(case)
+            rebooting = case.startswith("reboot")
+            runners = clients + ([("python", pyclient)] if rebooting and pyclient and not cg_dir else [])
             expected = None
             runs = 1 if cg_dir else opts["runs"]
             # Round by round, so that a change in the machine's other load falls on both.
             for i in range(runs):
-                for name, binary in clients:
-                    sim = serve(devsim, sim_args, folder)
-                    command = [binary, *client_args, "--port=%d" % sim.port]
+                for name, binary in runners:
+                    sim = serve(service if rebooting else devsim, sim_args, folder)
+                    command = [*binary, *client_args, "--port=%d" % sim.port]
                     out_path = os.path.join(cg_dir or folder, "%s.%s.out" % (case, name))
                     profile = os.path.join(cg_dir or folder, "%s.%s.cg" % (case, name))
                     if cg_dir:
@@ -168,8 +212,11 @@ def main():
                     try:
                         sample = run_client(command, folder, reboot + ["--port=%d" % sim.port] if drives else None,
                                             sim, out_path)
+                        unread = rebooting and reboots_read(sim, int(case.split("-")[1]))
                     finally:
                         sim.stop()
+                    if unread:
+                        sys.exit("%s: %s run %d: reboot_service %s" % (case, name, i + 1, unread))
                     got = (sample[3], summary(case, out_path))
                     if got[1] is None:
                         sys.exit("%s: %s printed too little, see %s" % (case, name, out_path))
@@ -185,34 +232,39 @@ def main():
                             subprocess.run(["callgrind_annotate", "--inclusive=no", profile], stdout=top,
                                            stderr=subprocess.DEVNULL)
                     results.setdefault((case, name), []).append(sample)
-            if case.startswith("list"):
+            if case.startswith(("list", "reboot")):
                 print("%s: one list message of %d bytes (limit %d), %d output lines"
                       % (case, sim.list_bytes, LIMIT, expected[1][1]))
+    if any(case.startswith("reboot") for case in cases) and not pyclient and not cg_dir:
+        print("no python3 with the websockets package: the Python client was left out")
     report(cases, results, bool(cg_dir))
 
 
 def report(cases, results, instructions):
     if instructions:
-        print("%-14s %14s %14s %12s" % ("case", "tool Ir (M)", "floor Ir (M)", "tool/floor"))
+        print("%-18s %14s %14s %12s" % ("case", "tool Ir (M)", "floor Ir (M)", "tool/floor"))
         for case in cases:
             t, f = results[case, "tool"][0], results[case, "floor"][0]
-            print("%-14s %14.1f %14.1f %12.3f" % (case, t / 1e6, f / 1e6, t / f))
+            print("%-18s %14.1f %14.1f %12.3f" % (case, t / 1e6, f / 1e6, t / f))
         return
     print("median of %d runs; wall and CPU (user + system) in seconds, largest peak RSS in MiB"
           % len(results[cases[0], "tool"]))
-    print("%-14s %-6s %8s %8s %8s" % ("case", "client", "wall", "cpu", "rss"))
+    print("%-18s %-6s %8s %8s %8s" % ("case", "client", "wall", "cpu", "rss"))
     medians = {}
     for case in cases:
-        for name in ("tool", "floor"):
-            samples = results[case, name]
+        for name in ("tool", "floor", "python"):
+            samples = results.get((case, name))
+            if not samples:
+                continue
             wall, cpu = (statistics.median(s[k] for s in samples) for k in (0, 1))
-            medians[case, name] = wall, cpu
-            print("%-14s %-6s %8.3f %8.3f %8.1f" % (case, name, wall, cpu, max(s[2] for s in samples) / 1024))
-    print("%-14s %16s %16s" % ("case", "wall tool/floor", "cpu tool/floor"))
+            medians[case, name] = wall, cpu, max(s[2] for s in samples) / 1024
+            print("%-18s %-6s %8.3f %8.3f %8.1f" % (case, name, *medians[case, name]))
+    print("%-18s %16s %16s %16s %18s" % ("case", "wall tool/floor", "cpu tool/floor", "rss tool/floor",
+                                         "wall python/floor"))
     for case in cases:
-        (tw, tc), (fw, fc) = medians[case, "tool"], medians[case, "floor"]
-        print("%-14s %16.2f %16.2f" % (case, tw / fw, tc / fc))
-
+        tool, floor, python = medians[case, "tool"], medians[case, "floor"], medians.get((case, "python"))
+        print("%-18s %16.3f %16.3f %16.3f %18s" % (case, *(t / f for t, f in zip(tool, floor)),
+                                                   "%.3f" % (python[0] / floor[0]) if python else "-"))
 
 if __name__ == "__main__":
     main()
