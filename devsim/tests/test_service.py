@@ -1,6 +1,7 @@
 """devsim through its binary: its command line, and its answers to requests devupdate never sends, via a raw client."""
 
 import json
+import os
 import signal
 import socket
 import subprocess
@@ -27,7 +28,9 @@ def frame(payload, opcode=1, size=None):
 
 
 def memory(sim, key):
-    """devsim's VmRSS or VmHWM in bytes; None where there is no /proc."""
+    """devsim's VmRSS or VmHWM in bytes; None where there is no /proc, or in a sanitized build."""
+    if os.environ.get("DEVSIM_MEMORY_UNWEIGHED"):
+        return None
     try:
         with open("/proc/%d/status" % sim.proc.pid) as f:
             return next(int(line.split()[1]) * 1024 for line in f if line.startswith(key + ":"))
