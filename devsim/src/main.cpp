@@ -59,8 +59,8 @@ bool takeValue(const std::string& arg, const std::string& option, std::string& v
 unsigned long toNumber(const std::string& option, const std::string& text, unsigned long max, unsigned long min = 0) {
     if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10 ||
         std::stoull(text) > max || std::stoull(text) < min) {
-        std::cerr << "devsim: " << option << " needs a whole number " << (min ? "from 1 " : "") << "up to " << max
-                  << "\n";
+        std::cerr << "devsim: " << option << " needs a whole number "
+                  << (min ? "from " + std::to_string(min) + " " : std::string()) << "up to " << max << "\n";
         std::exit(2);
     }
     return std::stoul(text);
